@@ -1,0 +1,31 @@
+/*
+ * mlbd entry point: brings the singletons up in a fixed order, runs the periodic loop until
+ * "vendor.sla.enabled" reads 2, tears the steering down and then parks for ever.
+ */
+#include <android/log.h>
+#include <unistd.h>
+
+#include "parameters/Parameters.h"
+#include "platform/Platform.h"
+
+#define LOG_TAG "Mlbd-daemon"
+
+int main() {
+    mlbd::initLogging();
+
+    // Start-up. The parameter store reads the configuration file, the properties and the
+    // interface list.
+    Parameters* parameters = Parameters::instance();
+
+    // Main loop: one pass per period; the property is tested after the sleep, so the body
+    // always runs at least once.
+    do {
+        usleep(parameters->get(OPER_MINI_EST_INTERVAL) * 1000u);
+    } while (parameters->getSLAVendorProp() != 2);
+
+    // Shut-down.
+    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Slm disabled, starting cleanup...\n");
+
+    // Parked: the process stays alive and idle; re-enabling needs a restart.
+    for (;;) sleep(600);
+}

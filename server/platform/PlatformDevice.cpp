@@ -1,0 +1,21 @@
+/*
+ * Device implementation of the platform glue: real system properties, exact paths, and the
+ * platform log as it is.
+ */
+#include <cutils/properties.h>
+
+#include "Platform.h"
+
+namespace mlbd {
+
+int getProperty(const char* key, char* value, const char* defaultValue) {
+    return property_get(key, value, defaultValue);
+}
+
+std::string devicePath(const char* path) {
+    return path;
+}
+
+void initLogging() {}
+
+}  // namespace mlbd
