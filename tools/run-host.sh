@@ -1,0 +1,78 @@
+#!/usr/bin/env bash
+# Builds mlbd and runs it on this host, in the foreground, inside a private network namespace with
+# two virtual links named wlan0 and rmnet_data0. The host's own network configuration is never
+# touched. After RUN_SECONDS (default 8) it writes 2 to vendor.sla.enabled, waits for the daemon to
+# shut its steering down, and ends it (the daemon itself parks for ever).
+#
+#   tools/run-host.sh                 # build, prepare a sample MLBD_ROOT, run
+#   MLBD_ROOT=/tmp/x tools/run-host.sh
+#   RUN_SECONDS=30 tools/run-host.sh
+set -euo pipefail
+here="$(cd "$(dirname "$0")/.." && pwd)"
+
+if [ "${1:-}" != "--inside" ]; then
+    if [ "$(id -u)" -ne 0 ]; then
+        echo "run-host.sh needs root (network namespaces, iptables); try: sudo $0" >&2
+        exit 1
+    fi
+    "$here/tools/install-deps.sh"
+    cmake -S "$here" -B "$here/build" -G Ninja >/dev/null
+    cmake --build "$here/build" --target mlbd >/dev/null
+
+    export MLBD_ROOT="${MLBD_ROOT:-$(mktemp -d /tmp/mlbd-root.XXXXXX)}"
+    mkdir -p "$MLBD_ROOT/vendor/etc/sla" "$MLBD_ROOT/properties" "$MLBD_ROOT/dev/socket" \
+             "$MLBD_ROOT/proc/sla" "$MLBD_ROOT/proc/net" "$MLBD_ROOT/system/bin"
+    cp "$here/etc/mlbd.conf" "$MLBD_ROOT/vendor/etc/sla/mlbd.conf"
+    printf 'wlan0,rmnet_data0\n' >"$MLBD_ROOT/properties/vendor.sla.ifaces"
+    printf '1\n' >"$MLBD_ROOT/properties/vendor.sla.mode"
+    printf '1\n' >"$MLBD_ROOT/properties/vendor.sla.enabled"
+    echo "MLBD_ROOT=$MLBD_ROOT"
+    exec unshare --net -- "$0" --inside
+fi
+
+# ---- Inside the private network namespace ----
+ip link set lo up
+
+# The peer namespace stands for the networks behind the two links.
+unshare --net -- sleep infinity &
+peer=$!
+cleanup() {
+    [ -n "${daemon:-}" ] && kill "$daemon" 2>/dev/null || true
+    kill "$peer" 2>/dev/null || true
+}
+trap cleanup EXIT
+sleep 0.2
+inpeer() { nsenter -t "$peer" -n -- "$@"; }
+
+ip link add wlan0 type veth peer name wlan0-net
+ip link add rmnet_data0 type veth peer name rmnet0-net
+ip link set wlan0-net netns "$peer"
+ip link set rmnet0-net netns "$peer"
+ip addr add 10.77.1.2/24 dev wlan0
+ip addr add 10.77.2.2/24 dev rmnet_data0
+ip link set wlan0 up
+ip link set rmnet_data0 up
+inpeer ip link set lo up
+inpeer ip addr add 10.77.1.1/24 dev wlan0-net
+inpeer ip addr add 10.77.2.1/24 dev rmnet0-net
+inpeer ip link set wlan0-net up
+inpeer ip link set rmnet0-net up
+ip route add default via 10.77.1.1 dev wlan0
+
+log="$MLBD_ROOT/mlbd.log"
+"$here/build/mlbd" 2> >(tee "$log" >&2) &
+daemon=$!
+
+sleep "${RUN_SECONDS:-8}"
+echo 2 >"$MLBD_ROOT/properties/vendor.sla.enabled"
+for _ in $(seq 1 100); do
+    grep -q "Slm disabled, starting cleanup" "$log" && break
+    sleep 0.1
+done
+sleep 1
+if grep -q "Slm disabled, starting cleanup" "$log"; then
+    echo "run-host.sh: mlbd shut its steering down and parked; stopping it." >&2
+else
+    echo "run-host.sh: mlbd did not shut down" >&2
+    exit 1
+fi
