@@ -178,7 +178,8 @@ void Parameters::reset() {
 }
 
 uint32_t Parameters::get(OperId id) {
-    if (static_cast<int>(id) > OPER_MAX_ID) return 0xFFFFFFFF;
+    // Unsigned comparison: a negative id is out of range as well.
+    if (static_cast<unsigned>(id) > OPER_MAX_ID) return 0xFFFFFFFF;
     return operValues[id];
 }
 

@@ -53,6 +53,7 @@ TEST_F(ParametersTest, DefaultsWithoutFileOrProperties) {
     EXPECT_EQ(p.get(static_cast<OperId>(28)), 0u);
     EXPECT_EQ(p.get(static_cast<OperId>(29)), 0xFFFFFFFFu);
     EXPECT_EQ(p.get(static_cast<OperId>(1000)), 0xFFFFFFFFu);
+    EXPECT_EQ(p.get(static_cast<OperId>(-1)), 0xFFFFFFFFu);
     EXPECT_EQ(p.rttServer, DEFAULT_RTT_SERVER);
     EXPECT_EQ(p.rttServerPort, 443);
     EXPECT_EQ(p.ping_period_ms, 0);
@@ -256,9 +257,15 @@ TEST_F(ParametersTest, InterfaceFallbackAndLimits) {
 TEST_F(ParametersTest, UidLists) {
     writeConf("uid_whitelist=10123,123456,,10234,\n");
     {
+        mlbd::initLogging();
         Parameters p;
+        testing::internal::CaptureStderr();
         p.populateuidwhitelist();
+        std::string log = testing::internal::GetCapturedStderr();
         EXPECT_EQ(p.uidWhitelist, (std::vector<std::string>{"10123", "", "10234"}));
+        EXPECT_NE(log.find(" E Mlbd-SlaParameters: populateuidwhitelist token length error is 6\n"),
+                  std::string::npos)
+                << log;
     }
     // The property replaces the file's list unless it reads "0".
     setProp("vendor.sla.uidwhitelist", "0");
