@@ -5,8 +5,10 @@
 #include <android/log.h>
 #include <unistd.h>
 
+#include "iptables/IptablesManager.h"
 #include "parameters/Parameters.h"
 #include "platform/Platform.h"
+#include "stats/SlaStatsImpl.h"
 
 #define LOG_TAG "Mlbd-daemon"
 
@@ -17,14 +19,28 @@ int main() {
     // interface list.
     Parameters* parameters = Parameters::instance();
 
+    // The chain skeleton, then one mark chain and routing rule per interface, before any
+    // traffic is steered.
+    IptablesManager* iptablesManager = IptablesManager::instance();
+    iptablesManager->setup_SLM_iptables_FWMARK_chains();
+
+    // Link aggregation: the kernel module is configured and its statistics files mapped.
+    SlaStatsImpl* slaStats = SlaStatsImpl::instance();
+    slaStats->enableSLA(true);
+
     // Main loop: one pass per period; the property is tested after the sleep, so the body
     // always runs at least once.
     do {
+        slaStats->evalAndSetSLAInterfaceRatio();
         usleep(parameters->get(OPER_MINI_EST_INTERVAL) * 1000u);
     } while (parameters->getSLAVendorProp() != 2);
 
     // Shut-down.
     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Slm disabled, starting cleanup...\n");
+    slaStats->enableSLA(false);
+    IptablesManager::clean_SLM_iptables();
+
+    SlaStatsImpl::finalize();
 
     // Parked: the process stays alive and idle; re-enabling needs a restart.
     for (;;) sleep(600);

@@ -124,6 +124,8 @@ TEST_F(DaemonTest, LoopsAtConfiguredPeriodThenShutsDownAndParks) {
     start();
     ASSERT_TRUE(waitForLog("SlaParameters added ifaces = 2 getNumInterfaces =2"));
     ASSERT_TRUE(waitForLog("Added rmnet_data0 to list of interfaces"));
+    // Start-up ends when the kernel module has been told to start measuring.
+    ASSERT_TRUE(waitForLog("writeStatsConfFile:enable=1"));
 
     // Five property reads a second at a 200 ms period.
     countPropertyReads(std::chrono::milliseconds(300));  // let start-up settle

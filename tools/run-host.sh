@@ -3,6 +3,8 @@
 # two virtual links named wlan0 and rmnet_data0. The host's own network configuration is never
 # touched. After RUN_SECONDS (default 8) it writes 2 to vendor.sla.enabled, waits for the daemon to
 # shut its steering down, and ends it (the daemon itself parks for ever).
+# The SLA kernel module is played by build/tools/sla-standin (see its --help); UDP traffic from the
+# peer namespace, Wi-Fi first slow then fast, makes the daemon reprogram the split on the way.
 #
 #   tools/run-host.sh                 # build, prepare a sample MLBD_ROOT, run
 #   MLBD_ROOT=/tmp/x tools/run-host.sh
@@ -17,7 +19,7 @@ if [ "${1:-}" != "--inside" ]; then
     fi
     "$here/tools/install-deps.sh"
     cmake -S "$here" -B "$here/build" -G Ninja >/dev/null
-    cmake --build "$here/build" --target mlbd >/dev/null
+    cmake --build "$here/build" --target mlbd sla-standin >/dev/null
 
     export MLBD_ROOT="${MLBD_ROOT:-$(mktemp -d /tmp/mlbd-root.XXXXXX)}"
     mkdir -p "$MLBD_ROOT/vendor/etc/sla" "$MLBD_ROOT/properties" "$MLBD_ROOT/dev/socket" \
@@ -26,6 +28,10 @@ if [ "${1:-}" != "--inside" ]; then
     printf 'wlan0,rmnet_data0\n' >"$MLBD_ROOT/properties/vendor.sla.ifaces"
     printf '1\n' >"$MLBD_ROOT/properties/vendor.sla.mode"
     printf '1\n' >"$MLBD_ROOT/properties/vendor.sla.enabled"
+    # The packet-filter and routing front-ends: host stand-ins that forward to iptables and ip
+    # and refuse to run outside a private network namespace (see tools/host/).
+    install -m 0755 "$here/tools/host/iptables-wrapper-1.0" "$here/tools/host/ip-wrapper-1.0" \
+        "$MLBD_ROOT/system/bin/"
     echo "MLBD_ROOT=$MLBD_ROOT"
     exec unshare --net -- "$0" --inside
 fi
@@ -38,6 +44,7 @@ unshare --net -- sleep infinity &
 peer=$!
 cleanup() {
     [ -n "${daemon:-}" ] && kill "$daemon" 2>/dev/null || true
+    [ -n "${standin:-}" ] && kill "$standin" 2>/dev/null || true
     kill "$peer" 2>/dev/null || true
 }
 trap cleanup EXIT
@@ -58,12 +65,59 @@ inpeer ip addr add 10.77.2.1/24 dev rmnet0-net
 inpeer ip link set wlan0-net up
 inpeer ip link set rmnet0-net up
 ip route add default via 10.77.1.1 dev wlan0
+# Routing tables named after the interfaces, as on the device; the ip wrapper maps each name to
+# a fixed table number, so these routes and the daemon's "table <iface>" rules meet. The daemon's
+# connection count reads this namespace's tracking table.
+"$MLBD_ROOT/system/bin/ip-wrapper-1.0" route add default via 10.77.1.1 dev wlan0 table wlan0
+"$MLBD_ROOT/system/bin/ip-wrapper-1.0" route add default via 10.77.2.1 dev rmnet_data0 \
+    table rmnet_data0
+ln -sf /proc/net/nf_conntrack "$MLBD_ROOT/proc/net/nf_conntrack"
+
+# The SLA kernel module's stand-in serves $MLBD_ROOT/proc/sla from this namespace's counters;
+# it prints each link's received rate once a second.
+"$here/build/tools/sla-standin" --root "$MLBD_ROOT" --iface wlan0 --iface rmnet_data0 --verbose \
+    2> >(tee "$MLBD_ROOT/sla-standin.log" >&2) &
+standin=$!
+for _ in $(seq 1 50); do
+    [ -p "$MLBD_ROOT/proc/sla/config" ] && break
+    sleep 0.1
+done
+
+# Sends UDP at about KBIT kbit/s (1 kbit = 1024 bits) from the peer namespace to ADDR for
+# SECONDS, in the background; nothing listens, the bytes only have to arrive over the link.
+traffic() {
+    inpeer python3 - "$@" <<'PY' &
+import socket, sys, time
+addr, kbit, seconds = sys.argv[1], float(sys.argv[2]), float(sys.argv[3])
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+payload = b"\0" * 1000
+per_second = kbit * 128 / 1042  # 1000 bytes + UDP, IP and Ethernet headers on the wire
+start = time.monotonic()
+sent = 0
+while time.monotonic() - start < seconds:
+    while sent < int((time.monotonic() - start) * per_second):
+        try:
+            s.sendto(payload, (addr, 9))
+        except OSError:
+            pass
+        sent += 1
+    time.sleep(0.005)
+PY
+}
 
 log="$MLBD_ROOT/mlbd.log"
 "$here/build/mlbd" 2> >(tee "$log" >&2) &
 daemon=$!
 
-sleep "${RUN_SECONDS:-8}"
+# Traffic in two phases, so that the split changes: first Wi-Fi slower than the Wi-Fi threshold
+# (aggregation: cellular fills the shortfall), then Wi-Fi well above it (Wi-Fi only).
+run="${RUN_SECONDS:-8}"
+half=$((run / 2))
+traffic 10.77.2.2 2000 "$run"
+traffic 10.77.1.2 600 "$half"
+sleep "$half"
+traffic 10.77.1.2 4000 "$((run - half))"
+sleep "$((run - half))"
 echo 2 >"$MLBD_ROOT/properties/vendor.sla.enabled"
 for _ in $(seq 1 100); do
     grep -q "Slm disabled, starting cleanup" "$log" && break

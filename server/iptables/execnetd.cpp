@@ -1,0 +1,164 @@
+/*
+ * execnetd: runs one command line without a shell and drains its output.
+ */
+#include "execnetd.h"
+
+#include <android/log.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+
+#define LOG_TAG "Mlbd-iptablesManager"
+
+extern char** environ;
+
+namespace mlbd {
+namespace {
+
+std::atomic<ScopedCommandRecorder*> gRecorder{nullptr};
+
+bool isBlank(char c) {
+    return c == ' ' || c == '\t';
+}
+
+// Splits `line` in place at runs of blanks; `argv` receives pointers into `line` and a final
+// null. Returns the number of words.
+size_t splitWords(std::string& line, std::vector<char*>& argv) {
+    argv.clear();
+    size_t i = 0;
+    const size_t n = line.size();
+    while (i < n) {
+        while (i < n && isBlank(line[i])) line[i++] = '\0';
+        if (i == n) break;
+        argv.push_back(&line[i]);
+        while (i < n && !isBlank(line[i])) ++i;
+    }
+    const size_t words = argv.size();
+    argv.push_back(nullptr);
+    return words;
+}
+
+// posix_spawn reports through one error number both a failure to create the child and a failure
+// of the child to set itself up or to execute the program. Only the first kind means that no
+// process was created; the others are what a shell would report as "not found" and the like.
+bool noProcessCreated(int error) {
+    return error == EAGAIN || error == ENOMEM || error == ENOSYS;
+}
+
+// Reads and discards everything the child writes, then reaps it.
+void drainAndReap(int readFd, pid_t pid) {
+    char buffer[1024];
+    for (;;) {
+        ssize_t got = read(readFd, buffer, sizeof(buffer) - 1);
+        if (got > 0) continue;
+        if (got < 0 && errno == EINTR) continue;
+        break;
+    }
+    close(readFd);
+    while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
+
+// Starts argv with stdout and stderr on `writeFd`, stdin on /dev/null and, where the C library
+// can close them for us, no other descriptor of the daemon (elsewhere only close-on-exec ones
+// are kept out, as with popen). Returns 0 or the error number of posix_spawnp.
+int spawnWithOutputTo(int writeFd, char* const argv[], pid_t* pid) {
+    posix_spawn_file_actions_t actions;
+    int rc = posix_spawn_file_actions_init(&actions);
+    if (rc != 0) return rc;
+    // The order matters when the pipe got descriptor 0, 1 or 2 because the daemon had closed
+    // its own standard streams: both copies are made before descriptor 0 is replaced.
+    rc = posix_spawn_file_actions_adddup2(&actions, writeFd, STDOUT_FILENO);
+    if (rc == 0) rc = posix_spawn_file_actions_adddup2(&actions, writeFd, STDERR_FILENO);
+    if (rc == 0) {
+        rc = posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    }
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
+    // Descriptors the daemon opened without close-on-exec stay out of the program too.
+    if (rc == 0) rc = posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+#endif
+    if (rc == 0) rc = posix_spawnp(pid, argv[0], &actions, nullptr, argv, environ);
+    posix_spawn_file_actions_destroy(&actions);
+    return rc;
+}
+
+}  // namespace
+
+ScopedCommandRecorder::ScopedCommandRecorder() {
+    gRecorder.store(this);
+}
+
+ScopedCommandRecorder::~ScopedCommandRecorder() {
+    ScopedCommandRecorder* expected = this;
+    gRecorder.compare_exchange_strong(expected, nullptr);
+}
+
+const std::vector<std::string>& ScopedCommandRecorder::lines() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lines_;
+}
+
+void ScopedCommandRecorder::clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.clear();
+}
+
+void ScopedCommandRecorder::record(const char* command) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.emplace_back(command);
+}
+
+}  // namespace mlbd
+
+int execnetd(const char* command) {
+    if (command == nullptr) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "SEND SLA NDC COMMAND - FAIL  %s \n", "");
+        return -1;
+    }
+    if (mlbd::ScopedCommandRecorder* recorder = mlbd::gRecorder.load()) {
+        recorder->record(command);
+        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "SEND SLA NDC COMMAND - PASS  %s\n",
+                            command);
+        return 0;
+    }
+
+    std::string line(command);
+    std::vector<char*> argv;
+    if (mlbd::splitWords(line, argv) == 0) {
+        // Nothing to run: a shell given only blanks starts and ends at once.
+        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "SEND SLA NDC COMMAND - PASS  %s\n",
+                            command);
+        return 0;
+    }
+
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "SEND SLA NDC COMMAND - FAIL  %s \n",
+                            command);
+        return -1;
+    }
+    pid_t pid = -1;
+    int rc = mlbd::spawnWithOutputTo(fds[1], argv.data(), &pid);
+    close(fds[1]);
+    if (rc != 0) {
+        close(fds[0]);
+        if (mlbd::noProcessCreated(rc)) {
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "SEND SLA NDC COMMAND - FAIL  %s \n",
+                                command);
+            return -1;
+        }
+        // The child was created (and already reaped by posix_spawnp) but could not execute the
+        // program: started, as far as the result goes.
+        __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "SEND SLA NDC COMMAND - PASS  %s\n",
+                            command);
+        return 0;
+    }
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "SEND SLA NDC COMMAND - PASS  %s\n", command);
+    mlbd::drainAndReap(fds[0], pid);
+    return 0;
+}

@@ -1,0 +1,46 @@
+/*
+ * The one routine that runs a packet-filter or routing command line.
+ *
+ * The line is split at runs of blanks (spaces and tabs) into the program and its arguments, and
+ * the program is started directly, without a shell: no quoting, globbing, redirection or command
+ * substitution takes place, so a text taken from outside can at most become an argument of the
+ * program named first. Standard error is merged into standard output, and both are drained and
+ * discarded until the program ends.
+ */
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+// Runs `command` and waits for it. Returns 0 when a process could be created for it, whatever
+// the program then did (a program that cannot be executed or that fails counts as started, as
+// it would under a shell), and -1 when no process could be created (or `command` is null).
+// Logs "SEND SLA NDC COMMAND - PASS  <command>" at DEBUG or "... - FAIL  <command>" at ERROR.
+int execnetd(const char* command);
+
+namespace mlbd {
+
+// Test seam: while an instance lives, execnetd() appends every command line to it, runs nothing
+// and returns 0. Only one recorder may live at a time. Recording is serialised by a mutex, so
+// the main thread and one other thread may issue commands concurrently; read lines() once the
+// other thread is quiet.
+class ScopedCommandRecorder {
+  public:
+    ScopedCommandRecorder();
+    ~ScopedCommandRecorder();
+    ScopedCommandRecorder(const ScopedCommandRecorder&) = delete;
+    ScopedCommandRecorder& operator=(const ScopedCommandRecorder&) = delete;
+
+    const std::vector<std::string>& lines() const;
+    void clear();
+
+    // Called by execnetd().
+    void record(const char* command);
+
+  private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> lines_;
+};
+
+}  // namespace mlbd
