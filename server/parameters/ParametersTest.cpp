@@ -38,28 +38,17 @@ class ParametersTest : public ::testing::Test {
 
 TEST_F(ParametersTest, DefaultsWithoutFileOrProperties) {
     Parameters p;
-    EXPECT_EQ(p.get(OPER_SLA_ENABLED), 0u);
-    EXPECT_EQ(p.get(OPER_WIFI_THRESHOLD), 1600u);
-    EXPECT_EQ(p.get(OPER_WAN_THRESHOLD), 500u);
-    EXPECT_EQ(p.get(OPER_MINI_EST_INTERVAL), 1000u);
-    EXPECT_EQ(p.get(OPER_MINI_STALE_INTERVAL), 1500u);
-    EXPECT_EQ(p.get(OPER_IDEAL_EST_WINDOW), 500u);
-    EXPECT_EQ(p.get(OPER_MINI_RATE_WINDOW), 50u);
-    EXPECT_EQ(p.get(OPER_SOCK_ACTIVE_TIME), 2000u);
-    EXPECT_EQ(p.get(OPER_SOCK_STALE_TIME), 0u);
-    EXPECT_EQ(p.get(OPER_UPDATE_PM_FREQ), 500u);
-    EXPECT_EQ(p.get(static_cast<OperId>(14)), 1u);
-    EXPECT_EQ(p.get(static_cast<OperId>(13)), 0u);
-    EXPECT_EQ(p.get(static_cast<OperId>(28)), 0u);
-    EXPECT_EQ(p.get(static_cast<OperId>(29)), 0xFFFFFFFFu);
-    EXPECT_EQ(p.get(static_cast<OperId>(1000)), 0xFFFFFFFFu);
-    EXPECT_EQ(p.get(static_cast<OperId>(-1)), 0xFFFFFFFFu);
+    // Slots 0..14, then the spare slots read 0 and ids beyond 28 (or negative) read all ones.
+    const uint32_t slots[] = {0, 1600, 500, 1000, 1500, 500, 50, 50, 2000, 0, 500, 0, 0, 0, 1};
+    for (int id = 0; id < 15; ++id) EXPECT_EQ(p.get(static_cast<OperId>(id)), slots[id]) << id;
+    for (int id : {13, 28}) EXPECT_EQ(p.get(static_cast<OperId>(id)), 0u);
+    for (int id : {29, 1000, -1}) EXPECT_EQ(p.get(static_cast<OperId>(id)), 0xFFFFFFFFu);
     EXPECT_EQ(p.rttServer, DEFAULT_RTT_SERVER);
-    EXPECT_EQ(p.rttServerPort, 443);
-    EXPECT_EQ(p.ping_period_ms, 0);
-    EXPECT_EQ(p.min_ping_times, 5);
-    EXPECT_EQ(p.gaming_poll_freq_cnt, 5);
-    EXPECT_EQ(p.rtt_exit_threshold, 130);
+    EXPECT_EQ(std::vector<int>({p.rttServerPort, p.ping_period_ms, p.min_ping_times,
+                                p.ping_interval_ms, p.alpha_percent, p.n_hyst, p.rtt_min_cap_ms,
+                                p.gaming_poll_freq_cnt, p.rtt_entry_threshold, p.rtt_exit_threshold,
+                                p.estimatePackNum, p.minRatioChange}),
+              std::vector<int>({443, 0, 5, 500, 60, 1, 10, 5, 90, 130, 5, 2}));
     char buf[64];
     EXPECT_STREQ(p.getStatsProtocols(buf, sizeof(buf)), "protocols=http,https");
     EXPECT_STREQ(p.getStatsPorts(buf, sizeof(buf)), "ports=80,443");
