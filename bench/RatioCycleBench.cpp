@@ -134,7 +134,7 @@ void BM_RatioCycleWithRebuild(benchmark::State& state) {
     slatest::fillIntervals(wlan, 1000, now, 20, 100, 25600);  // slots 980..1000: 2000 kbit/s
     for (auto _ : state) {
         high = !high;
-        wlan.writeIndex(high ? 1000 : 700);
+        wlan.header(slatest::kMagic, high ? 1000 : 700);
         f.impl->evalAndSetSLAInterfaceRatio();
         if (f.recorder.lines().size() > 30000) f.recorder.clear();
     }
