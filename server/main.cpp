@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "iptables/IptablesManager.h"
+#include "monitor/SockDiag.h"
 #include "parameters/Parameters.h"
 #include "platform/Platform.h"
 #include "stats/SlaStatsImpl.h"
@@ -39,6 +40,10 @@ int main() {
     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Slm disabled, starting cleanup...\n");
     slaStats->enableSLA(false);
     IptablesManager::clean_SLM_iptables();
+    // The gaming apps reconnect over the default network.
+    for (const std::string& uid : parameters->gamingUidList) {
+        android::net::killSocketsForUID(uid.c_str());
+    }
 
     SlaStatsImpl::finalize();
 

@@ -16,3 +16,6 @@ cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug \
 cmake --build build-asan -j "$jobs"
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
     ctest --test-dir build-asan --output-on-failure -j "$jobs"
+
+# The parsers of kernel bytes under libFuzzer (clang; ASan and UBSan), briefly each.
+FUZZ_SECONDS="${FUZZ_SECONDS:-15}" tools/run-fuzz.sh
