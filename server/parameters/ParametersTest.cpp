@@ -192,7 +192,11 @@ TEST_F(ParametersTest, InterfaceDescriptionsAndRoles) {
     EXPECT_EQ(p.parseInterfaceParams("x,0,tbl,0x9,0,0,0"), nullptr);
     EXPECT_EQ(p.parseInterfaceParams(""), nullptr);
     EXPECT_EQ(p.parseInterfaceParams("x,0,,0x9,0,0,0,0"), nullptr);
-    EXPECT_EQ(p.parseInterfaceParams(std::string(300, 'n') + ",0,t,m,0,0,0,0") != nullptr, true);
+    // A long name is cut to 127 characters.
+    rec = p.parseInterfaceParams(std::string(300, 'n') + ",0,t,m,0,0,0,0");
+    ASSERT_NE(rec, nullptr);
+    EXPECT_EQ(strlen(rec->name), 127u);
+    delete rec;
     EXPECT_FALSE(p.validateInterfaceParams(nullptr));
     EXPECT_FALSE(p.addNewInterfacetoMap(nullptr));
 }
