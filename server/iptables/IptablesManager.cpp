@@ -245,44 +245,35 @@ int IptablesManager::remove_SLM_FWMARK_chain_for_iface(InterfaceInfo_t* iface) {
     return -1;
 }
 
-int IptablesManager::setup_SLM_iptables_FWMARK_chains() {
-    int failures = 0;
+int IptablesManager::forEachInterface(int (IptablesManager::*operation)(InterfaceInfo_t*),
+                                      const char* caller, const char* failedFormat,
+                                      const char* allFailedFormat) {
+    bool failed = false;
     for (auto& entry : interfaceMap()) {
         InterfaceInfo_t* iface = entry.second;
-        if (create_SLM_FWMARK_chain_for_iface(iface) != 0) {
-            if (iface != nullptr) {
-                __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                                    "%s Creating FWMARK for interface %s failed",
-                                    "setup_SLM_iptables_FWMARK_chains", iface->name);
-            }
-            ++failures;
+        if ((this->*operation)(iface) == 0) continue;
+        if (iface != nullptr) {
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, failedFormat, caller, iface->name);
         }
+        failed = true;
     }
-    if (failures == 0) return 0;
-    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                        "%s Failure when creating FWMARK tables for all interfaces ",
-                        "setup_SLM_iptables_FWMARK_chains");
+    if (!failed) return 0;
+    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, allFailedFormat, caller);
     return -1;
 }
 
+int IptablesManager::setup_SLM_iptables_FWMARK_chains() {
+    return forEachInterface(&IptablesManager::create_SLM_FWMARK_chain_for_iface,
+                            "setup_SLM_iptables_FWMARK_chains",
+                            "%s Creating FWMARK for interface %s failed",
+                            "%s Failure when creating FWMARK tables for all interfaces ");
+}
+
 int IptablesManager::cleanup_SLM_iptables_FWMARK_chains() {
-    int failures = 0;
-    for (auto& entry : interfaceMap()) {
-        InterfaceInfo_t* iface = entry.second;
-        if (remove_SLM_FWMARK_chain_for_iface(iface) != 0) {
-            if (iface != nullptr) {
-                __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                                    "%s Cleanup FWMARK for interface %s failed",
-                                    "cleanup_SLM_iptables_FWMARK_chains", iface->name);
-            }
-            ++failures;
-        }
-    }
-    if (failures == 0) return 0;
-    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                        "%s Failure when cleaning FWMARK tables for all interfaces ",
-                        "cleanup_SLM_iptables_FWMARK_chains");
-    return -1;
+    return forEachInterface(&IptablesManager::remove_SLM_FWMARK_chain_for_iface,
+                            "cleanup_SLM_iptables_FWMARK_chains",
+                            "%s Cleanup FWMARK for interface %s failed",
+                            "%s Failure when cleaning FWMARK tables for all interfaces ");
 }
 
 // ---- Ratio rules ----
@@ -495,43 +486,17 @@ int IptablesManager::remove_SLS_iptables_UID_for_interface(InterfaceInfo_t* ifac
 }
 
 int IptablesManager::setup_SLS_iptables_UID_chains() {
-    bool failed = false;
-    for (auto& entry : interfaceMap()) {
-        InterfaceInfo_t* iface = entry.second;
-        if (create_SLS_iptables_UID_for_interface(iface) != 0) {
-            if (iface != nullptr) {
-                __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                                    "%s Creating UID chain for interface %s failed",
-                                    "setup_SLS_iptables_UID_chains", iface->name);
-            }
-            failed = true;
-        }
-    }
-    if (!failed) return 0;
-    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                        "%s Failure when creating SLS UID tables for all interfaces ",
-                        "setup_SLS_iptables_UID_chains");
-    return -1;
+    return forEachInterface(&IptablesManager::create_SLS_iptables_UID_for_interface,
+                            "setup_SLS_iptables_UID_chains",
+                            "%s Creating UID chain for interface %s failed",
+                            "%s Failure when creating SLS UID tables for all interfaces ");
 }
 
 int IptablesManager::cleanup_SLS_iptables_UID_chains() {
-    bool failed = false;
-    for (auto& entry : interfaceMap()) {
-        InterfaceInfo_t* iface = entry.second;
-        if (remove_SLS_iptables_UID_for_interface(iface) != 0) {
-            if (iface != nullptr) {
-                __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                                    "%s Remove UID chain for interface %s failed",
-                                    "cleanup_SLS_iptables_UID_chains", iface->name);
-            }
-            failed = true;
-        }
-    }
-    if (!failed) return 0;
-    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                        "%s Failure when removing SLS UID tables for all interfaces ",
-                        "cleanup_SLS_iptables_UID_chains");
-    return -1;
+    return forEachInterface(&IptablesManager::remove_SLS_iptables_UID_for_interface,
+                            "cleanup_SLS_iptables_UID_chains",
+                            "%s Remove UID chain for interface %s failed",
+                            "%s Failure when removing SLS UID tables for all interfaces ");
 }
 
 int IptablesManager::set_SLS_interface(const char* ifaceName) {

@@ -56,6 +56,10 @@ class IptablesManager {
     static bool isValidUidText(const std::string& uid);
 
   private:
+    // Runs `operation` on every interface of the map, in name order, going on after failures;
+    // logs `failedFormat` (caller, name) per failure and `allFailedFormat` (caller) at the end.
+    int forEachInterface(int (IptablesManager::*operation)(InterfaceInfo_t*), const char* caller,
+                         const char* failedFormat, const char* allFailedFormat);
     int whitelistForFlaggedInterfaces(bool metered, const std::vector<std::string>& uids);
 
     static IptablesManager* sInstance;
