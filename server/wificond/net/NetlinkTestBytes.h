@@ -1,4 +1,5 @@
-// Byte builders shared by the netlink tests: messages and attributes as the kernel lays them out.
+// Byte builders shared by the netlink tests (generic netlink and sock_diag): messages and
+// attributes as the kernel lays them out.
 #pragma once
 
 #include <stdint.h>
@@ -27,26 +28,37 @@ inline Bytes le(uint32_t value, size_t size = 4) {
     return out;
 }
 
+// The in-memory bytes of a kernel record.
+template <typename T>
+Bytes raw(const T& value) {
+    auto p = reinterpret_cast<const uint8_t*>(&value);
+    return Bytes(p, p + sizeof(value));
+}
+
 inline Bytes text(const char* s) {
     return Bytes(s, s + strlen(s) + 1);
 }
 
-// An attribute: header length (by default 4 + payload), type, payload, then padding (by default
-// up to a multiple of 4).
-inline Bytes attr(uint16_t type, const Bytes& payload, int length = -1, int pad = -1) {
+// An attribute: header length (by default 4 + payload), type, payload, then zero padding up to a
+// multiple of 4.
+inline Bytes attr(uint16_t type, const Bytes& payload, int length = -1) {
     if (length < 0) length = static_cast<int>(4 + payload.size());
-    if (pad < 0) pad = static_cast<int>(-payload.size() & 3);
     return le(static_cast<uint32_t>(length), 2) + le(type, 2) + payload +
-           Bytes(static_cast<size_t>(pad), 0);
+           Bytes(-payload.size() & 3);
 }
 
-// A message: netlink header, then for family types (16 and above) the generic netlink header
-// with version 1, then `body`.
+// A netlink message: the 16-byte header, then `body`.
+inline Bytes nlmsg(uint16_t type, uint16_t flags, const Bytes& body, uint32_t seq = 0,
+                   uint32_t pid = 0) {
+    return le(static_cast<uint32_t>(16 + body.size())) + le(type, 2) + le(flags, 2) + le(seq) +
+           le(pid) + body;
+}
+
+// A generic netlink message: for family types (16 and above) the generic header with version 1
+// comes before `body`.
 inline Bytes message(uint16_t type, uint16_t flags, uint32_t seq, uint8_t cmd, const Bytes& body,
                      uint32_t pid = 0) {
-    Bytes all = type >= 16 ? Bytes{cmd, 1, 0, 0} + body : body;
-    return le(static_cast<uint32_t>(16 + all.size())) + le(type, 2) + le(flags, 2) + le(seq) +
-           le(pid) + all;
+    return nlmsg(type, flags, type >= 16 ? Bytes{cmd, 1, 0, 0} + body : body, seq, pid);
 }
 
 }  // namespace netlink_test
