@@ -115,12 +115,7 @@ NL80211NestedAttr::NL80211NestedAttr(const std::vector<uint8_t>& data) {
 }
 
 bool NL80211NestedAttr::GetAttribute(int id, NL80211NestedAttr* attribute) const {
-    size_t begin;
-    size_t end;
-    if (!FindNL80211Attribute(data_, kHeaderSize, data_.size(), id, &begin, &end)) return false;
-    *attribute =
-            NL80211NestedAttr(std::vector<uint8_t>(data_.begin() + begin, data_.begin() + end));
-    return attribute->IsValid();
+    return CopyNL80211Attribute(data_, kHeaderSize, id, attribute);
 }
 
 bool NL80211NestedAttr::GetListOfNestedAttributes(

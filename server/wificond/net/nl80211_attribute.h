@@ -33,6 +33,19 @@ inline uint32_t NL80211AttrAlign(uint32_t length) {
 bool FindNL80211Attribute(const std::vector<uint8_t>& data, size_t begin, size_t end, int id,
                           size_t* found_begin, size_t* found_end);
 
+// Copies the first attribute of type `id` among data[begin, end of data) into *attribute (an
+// attribute class built from its bytes) and returns whether the copy is valid for that class.
+template <typename Attr>
+bool CopyNL80211Attribute(const std::vector<uint8_t>& data, size_t begin, int id, Attr* attribute) {
+    size_t found_begin;
+    size_t found_end;
+    if (!FindNL80211Attribute(data, begin, data.size(), id, &found_begin, &found_end)) {
+        return false;
+    }
+    *attribute = Attr(std::vector<uint8_t>(data.begin() + found_begin, data.begin() + found_end));
+    return attribute->IsValid();
+}
+
 class BaseNL80211Attr {
   public:
     // An attribute whose payload is `raw_buffer`.
@@ -138,12 +151,7 @@ class NL80211NestedAttr : public BaseNL80211Attr {
     // returns whether the copy is valid for its type.
     template <typename T>
     bool GetAttribute(int id, NL80211Attr<T>* attribute) const {
-        size_t begin;
-        size_t end;
-        if (!FindNL80211Attribute(data_, 4, data_.size(), id, &begin, &end)) return false;
-        *attribute =
-                NL80211Attr<T>(std::vector<uint8_t>(data_.begin() + begin, data_.begin() + end));
-        return attribute->IsValid();
+        return CopyNL80211Attribute(data_, 4, id, attribute);
     }
     bool GetAttribute(int id, NL80211NestedAttr* attribute) const;
 

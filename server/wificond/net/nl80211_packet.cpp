@@ -82,14 +82,7 @@ void NL80211Packet::AddAttribute(const BaseNL80211Attr& attribute) {
 }
 
 bool NL80211Packet::GetAttribute(int id, NL80211NestedAttr* attribute) const {
-    size_t begin;
-    size_t end;
-    if (!FindNL80211Attribute(data_, kAttributesOffset, data_.size(), id, &begin, &end)) {
-        return false;
-    }
-    *attribute =
-            NL80211NestedAttr(std::vector<uint8_t>(data_.begin() + begin, data_.begin() + end));
-    return attribute->IsValid();
+    return CopyNL80211Attribute(data_, kAttributesOffset, id, attribute);
 }
 
 bool NL80211Packet::IsValid() const {

@@ -42,14 +42,7 @@ class NL80211Packet {
     // whether the copy is valid for its type.
     template <typename T>
     bool GetAttribute(int id, NL80211Attr<T>* attribute) const {
-        size_t begin;
-        size_t end;
-        if (!FindNL80211Attribute(data_, kAttributesOffset, data_.size(), id, &begin, &end)) {
-            return false;
-        }
-        *attribute =
-                NL80211Attr<T>(std::vector<uint8_t>(data_.begin() + begin, data_.begin() + end));
-        return attribute->IsValid();
+        return CopyNL80211Attribute(data_, kAttributesOffset, id, attribute);
     }
     bool GetAttribute(int id, NL80211NestedAttr* attribute) const;
 
