@@ -1,6 +1,7 @@
 /*
  * Helpers shared by the fuzz targets: quiet logging (the log lines are still formatted, so that
  * their code runs, but nothing is written) and the split of one input into several datagrams.
+ * Every target includes this header once, so it also defines the targets' LLVMFuzzerInitialize.
  */
 #pragma once
 
@@ -14,8 +15,11 @@
 namespace mlbd_fuzz {
 
 inline void silenceLogs() {
+#ifndef __ANDROID__
+    // The host's liblog prints to stderr; on a device the lines go to the log buffer.
     __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
     __android_log_set_logger([](const struct __android_logger_data*, const char*) {});
+#endif
     android::base::SetMinimumLogSeverity(android::base::VERBOSE);
     android::base::SetLogger([](android::base::LogId, android::base::LogSeverity, const char*,
                                 const char*, unsigned int, const char*) {});
@@ -39,3 +43,8 @@ inline std::vector<std::vector<uint8_t>> splitChunks(const uint8_t* data, size_t
 }
 
 }  // namespace mlbd_fuzz
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    mlbd_fuzz::silenceLogs();
+    return 0;
+}

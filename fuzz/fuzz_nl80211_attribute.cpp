@@ -37,11 +37,6 @@ void readAll(const Holder& holder, int id) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    mlbd_fuzz::silenceLogs();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 2) return 0;
     const int id = data[0] | (data[1] << 8);

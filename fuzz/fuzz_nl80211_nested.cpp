@@ -14,11 +14,6 @@ namespace {
 volatile size_t gSink;
 }
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    mlbd_fuzz::silenceLogs();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     NL80211NestedAttr outer(std::vector<uint8_t>(data, data + size));
     std::vector<NL80211NestedAttr> items;

@@ -140,6 +140,16 @@ class NL80211Attr<std::vector<uint8_t>> : public BaseNL80211Attr {
 };
 
 // An attribute whose payload is a run of further attributes.
+// The value of the first attribute of type `id` that `owner` (a packet or a nested attribute)
+// holds, read as a T; false when it is missing or not valid as a T.
+template <typename T, typename Owner>
+bool GetNL80211AttributeValue(const Owner& owner, int id, T* value) {
+    NL80211Attr<T> attribute{std::vector<uint8_t>()};
+    if (!owner.GetAttribute(id, &attribute)) return false;
+    *value = attribute.GetValue();
+    return true;
+}
+
 class NL80211NestedAttr : public BaseNL80211Attr {
   public:
     // An empty nested attribute: a 4-byte header of length 4.
@@ -157,10 +167,7 @@ class NL80211NestedAttr : public BaseNL80211Attr {
 
     template <typename T>
     bool GetAttributeValue(int id, T* value) const {
-        NL80211Attr<T> attribute{std::vector<uint8_t>()};
-        if (!GetAttribute(id, &attribute)) return false;
-        *value = attribute.GetValue();
-        return true;
+        return GetNL80211AttributeValue(*this, id, value);
     }
 
     // Splits the payload into nested attributes. On failure *attribute_list is left unchanged.

@@ -48,10 +48,7 @@ class NL80211Packet {
 
     template <typename T>
     bool GetAttributeValue(int id, T* value) const {
-        NL80211Attr<T> attribute{std::vector<uint8_t>()};
-        if (!GetAttribute(id, &attribute)) return false;
-        *value = attribute.GetValue();
-        return true;
+        return GetNL80211AttributeValue(*this, id, value);
     }
 
     // Whether the headers are complete and the length field fits the bytes held.
