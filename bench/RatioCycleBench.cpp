@@ -102,7 +102,12 @@ struct Fixture {
 };
 
 Fixture& fixture() {
+    // Built on first use and never destroyed (the daemon's singletons point into it); its root
+    // goes when the process ends.
     static Fixture* f = new Fixture();
+    static const int removeRootAtExit =
+            atexit([] { (void)!system(("rm -rf " + fixture().root).c_str()); });
+    (void)removeRootAtExit;
     return *f;
 }
 

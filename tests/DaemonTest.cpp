@@ -1,6 +1,5 @@
 // The real binary under a private MLBD_ROOT: start-up, loop period, shut-down on property 2, park.
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -12,6 +11,8 @@
 #include <sstream>
 #include <string>
 #include <thread>
+
+#include "util/Daemon.h"
 
 namespace {
 
@@ -39,10 +40,7 @@ class DaemonTest : public ::testing::Test {
     }
 
     void TearDown() override {
-        if (pid > 0) {
-            kill(pid, SIGKILL);
-            waitpid(pid, nullptr, 0);
-        }
+        mlbd::test::stopDaemon(pid);
         std::string cmd = "rm -rf '" + root + "'";
         ASSERT_EQ(system(cmd.c_str()), 0);
     }
@@ -56,16 +54,8 @@ class DaemonTest : public ::testing::Test {
     }
 
     void start() {
-        std::string log = root + "/mlbd.log";
-        pid = fork();
-        ASSERT_GE(pid, 0);
-        if (pid == 0) {
-            setenv("MLBD_ROOT", root.c_str(), 1);
-            FILE* f = freopen(log.c_str(), "w", stderr);
-            if (f == nullptr) _exit(127);
-            execl(MLBD_BINARY_DIR "/mlbd", "mlbd", static_cast<char*>(nullptr));
-            _exit(127);
-        }
+        pid = mlbd::test::startDaemon(root, root + "/mlbd.log");
+        ASSERT_GT(pid, 0);
     }
 
     std::string log() {

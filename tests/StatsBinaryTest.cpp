@@ -3,10 +3,8 @@
 // and writes its commands to the module's control file, here a FIFO read back by the test.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -16,6 +14,7 @@
 #include <string>
 
 #include "stats/SlaRingTestUtil.h"
+#include "util/Daemon.h"
 
 namespace {
 
@@ -64,13 +63,7 @@ TEST(StatsBinaryTest, CraftedRatesBecomeRatioRules) {
         std::ofstream("proc/sla/" + iface + "_mmap") << ring;
     }
 
-    const pid_t daemon = fork();
-    if (daemon == 0) {
-        const int log = open("mlbd.log", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(log, STDERR_FILENO);
-        execl(MLBD_BINARY_DIR "/mlbd", "mlbd", nullptr);
-        _exit(127);
-    }
+    const pid_t daemon = mlbd::test::startDaemon(root, "mlbd.log");
     ASSERT_GT(daemon, 0);
     // Wi-Fi 0.5 and cellular 0.5: a flush of vexa_SLA, then the cascade's probabilities
     // 0.500000 for Wi-Fi and 1.000000 for the rest.
@@ -97,8 +90,7 @@ TEST(StatsBinaryTest, CraftedRatesBecomeRatioRules) {
             10000);
     EXPECT_EQ(control, expected) << slurp("mlbd.log");
 
-    kill(daemon, SIGKILL);
-    waitpid(daemon, nullptr, 0);
+    mlbd::test::stopDaemon(daemon);
     close(fifo);
     ASSERT_EQ(system((std::string("rm -rf ") + root).c_str()), 0);
 }
