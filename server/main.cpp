@@ -41,7 +41,7 @@ int main() {
     slaStats->enableSLA(false);
     IptablesManager::clean_SLM_iptables();
     // The gaming apps reconnect over the default network.
-    for (const std::string& uid : parameters->gamingUidList) {
+    for (const std::string& uid : parameters->getGamingUidList()) {
         android::net::killSocketsForUID(uid.c_str());
     }
 

@@ -17,6 +17,7 @@
 
 #include "iptables/IptablesManager.h"
 #include "parameters/Parameters.h"
+#include "parameters/ParametersTestPeer.h"
 #include "platform/Platform.h"
 #include "util/Netns.h"
 
@@ -125,10 +126,10 @@ class IptablesKernelTest : public ::testing::Test {
         ASSERT_EQ(0, listen(server_, 4096));
 
         params_ = Parameters::instance();
-        ASSERT_EQ(2u, params_->interfaces.size());
-        ASSERT_TRUE(params_->interfaces.at("rmnet_data0")->metered);
-        params_->uidWhitelist = {std::to_string(kListed)};
-        params_->gamingUidList = {std::to_string(kGaming)};
+        ASSERT_EQ(2u, ParametersTestPeer::interfaces(params_).size());
+        ASSERT_TRUE(ParametersTestPeer::interfaces(params_).at("rmnet_data0")->metered);
+        ParametersTestPeer::uidWhitelist(params_) = {std::to_string(kListed)};
+        ParametersTestPeer::gamingUidList(params_) = {std::to_string(kGaming)};
         mgr_ = IptablesManager::instance();  // start-up as the daemon does it
         ASSERT_EQ(0, mgr_->setup_SLM_iptables_FWMARK_chains());
     }

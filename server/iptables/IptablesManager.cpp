@@ -112,8 +112,8 @@ bool acceptUid(const char* function, const std::string& uid) {
     return false;
 }
 
-std::map<std::string, InterfaceInfo_t*>& interfaceMap() {
-    return Parameters::instance()->interfaces;
+const std::map<std::string, InterfaceInfo_t*>& interfaceMap() {
+    return Parameters::instance()->interfaces();
 }
 
 }  // namespace
@@ -403,20 +403,20 @@ int IptablesManager::whitelistForFlaggedInterfaces(bool metered,
 }
 
 int IptablesManager::setup_uid_whitelist() {
-    return whitelistForFlaggedInterfaces(true, Parameters::instance()->uidWhitelist);
+    return whitelistForFlaggedInterfaces(true, Parameters::instance()->getUidWhitelist());
 }
 
 int IptablesManager::setup_double_wlan_uid_whitelist() {
-    return whitelistForFlaggedInterfaces(false, Parameters::instance()->dblWlanUidWhitelist);
+    return whitelistForFlaggedInterfaces(false, Parameters::instance()->getDblWlanUidWhitelist());
 }
 
 int IptablesManager::setup_slm_whitelist() {
     Parameters* parameters = Parameters::instance();
     int result = ipt("-w -t mangle -F vexa_SLM_wapper");
-    for (const std::vector<std::string>* list :
-         {&parameters->dblWlanUidWhitelist, &parameters->uidWhitelist,
-          &parameters->gamingUidList}) {
-        for (const std::string& uid : *list) {
+    for (const std::vector<std::string>& list :
+         {parameters->getDblWlanUidWhitelist(), parameters->getUidWhitelist(),
+          parameters->getGamingUidList()}) {
+        for (const std::string& uid : list) {
             if (!acceptUid("setup_slm_whitelist", uid)) continue;
             result += ipt("-w -t mangle -A vexa_SLM_wapper -m owner --uid-owner %s -j vexa_SLM",
                           uid.c_str());
@@ -445,7 +445,7 @@ int IptablesManager::create_SLS_iptables_UID_for_interface(InterfaceInfo_t* ifac
     result += ipt("-w -t mangle -A %s -j ACCEPT", sls);
     ipt("-w -t mangle -N %s", uidChain);
     result += ipt("-w -t mangle -F %s", uidChain);
-    for (const std::string& uid : Parameters::instance()->gamingUidList) {
+    for (const std::string& uid : Parameters::instance()->getGamingUidList()) {
         if (!acceptUid("create_SLS_iptables_UID_for_interface", uid)) continue;
         result +=
                 ipt("-w -t mangle -A %s -m owner --uid-owner %s -j %s", uidChain, uid.c_str(), sls);
@@ -473,7 +473,7 @@ int IptablesManager::remove_SLS_iptables_UID_for_interface(InterfaceInfo_t* ifac
     result += ipt("-w -t mangle -F %s", uidChain);
     result += ipt("-w -t mangle -X %s", sls);
     result += ipt("-w -t mangle -X %s", uidChain);
-    for (const std::string& uid : Parameters::instance()->gamingUidList) {
+    for (const std::string& uid : Parameters::instance()->getGamingUidList()) {
         if (!acceptUid("remove_SLS_iptables_UID_for_interface", uid)) continue;
         result += ipt("-w -t mangle -D vexa_SLM_wapper -m owner --uid-owner %s -j vexa_SLM",
                       uid.c_str());

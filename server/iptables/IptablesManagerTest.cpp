@@ -8,6 +8,7 @@
 
 #include "iptables/IptablesManager.h"
 #include "iptables/execnetd.h"
+#include "parameters/ParametersTestPeer.h"
 #include "platform/Platform.h"
 
 namespace {
@@ -55,22 +56,22 @@ class IptablesManagerTest : public ::testing::Test {
         mlbd::initLogging();
         setenv("MLBD_ROOT", "", 1);
         params_ = Parameters::instance();
-        params_->interfaces.clear();
-        params_->uidWhitelist = {"10001", "10002"};
-        params_->dblWlanUidWhitelist = {"10003"};
-        params_->gamingUidList = {"10004"};
+        ParametersTestPeer::interfaces(params_).clear();
+        ParametersTestPeer::uidWhitelist(params_) = {"10001", "10002"};
+        ParametersTestPeer::dblWlanUidWhitelist(params_) = {"10003"};
+        ParametersTestPeer::gamingUidList(params_) = {"10004"};
         add({"wlan0", "90", false, false, false, 0, 0, "0x5A"});
         add({"rmnet_data0", "92", true, false, false, 0, 0, "0x5C"});
     }
     void TearDown() override {
         rec_ = std::make_unique<mlbd::ScopedCommandRecorder>();
         IptablesManager::clean_SLM_iptables();
-        params_->interfaces.clear();
+        ParametersTestPeer::interfaces(params_).clear();
     }
 
     // Records are written {name, routeTable, metered, dblWlan, isDefault, cost, bias, fwmark}.
     void add(const InterfaceInfo_t& rec) {
-        params_->interfaces[rec.name] = &(records_[rec.name] = rec);
+        ParametersTestPeer::interfaces(params_)[rec.name] = &(records_[rec.name] = rec);
     }
 
     int setSla(const std::map<std::string, float>& ratios) {
@@ -190,8 +191,8 @@ TEST_F(IptablesManagerTest, CommandSequences) {
             {"no ratios", sla({}), cmds({"mangle -F vexa_SLA"})},
             {"shut-down, one interface left",
              [&] {
-                 params_->interfaces.erase("wlan0");
-                 params_->interfaces.erase("wlan1");
+                 ParametersTestPeer::interfaces(params_).erase("wlan0");
+                 ParametersTestPeer::interfaces(params_).erase("wlan1");
                  IptablesManager::clean_SLM_iptables();
                  IptablesManager::clean_SLM_iptables();  // the second call finds nothing
                  return 0;
@@ -255,10 +256,11 @@ TEST_F(IptablesManagerTest, HostileInputNeverEntersACommandLine) {
             "10001 -j DROP", "\"10002\"",   "10003;reboot", "$(reboot)", "`id`",   "",
             "0123",          "12345678901", "-1",           "１２３",    " 10004", "10005\n"};
     hostile.push_back(std::string{'1', '\0', '2'});  // an embedded NUL
-    params_->uidWhitelist = params_->gamingUidList = hostile;
-    params_->uidWhitelist.push_back("10006");
-    params_->gamingUidList.push_back("0");
-    params_->dblWlanUidWhitelist = {"4294967294"};
+    ParametersTestPeer::uidWhitelist(params_) = ParametersTestPeer::gamingUidList(params_) =
+            hostile;
+    ParametersTestPeer::uidWhitelist(params_).push_back("10006");
+    ParametersTestPeer::gamingUidList(params_).push_back("0");
+    ParametersTestPeer::dblWlanUidWhitelist(params_) = {"4294967294"};
     IptablesManager* mgr = IptablesManager::instance();
     take();
     CaptureStderr();
@@ -289,10 +291,11 @@ TEST_F(IptablesManagerTest, HostileInputNeverEntersACommandLine) {
 // UIDs and marks) stays far below the 511-character limit; a longer one ends the process instead
 // of running cut.
 TEST_F(IptablesManagerTest, CommandLengthLimit) {
-    params_->interfaces.clear();
+    ParametersTestPeer::interfaces(params_).clear();
     add({"rmnet_data01234", "4294967295", true, true, false, 0, 0, "0xFFFFFFFF"});
     add({"wlan01234567890", "4294967295", false, true, false, 0, 0, "0xFFFFFFFF"});
-    params_->uidWhitelist = params_->dblWlanUidWhitelist = params_->gamingUidList = {"4294967294"};
+    ParametersTestPeer::uidWhitelist(params_) = ParametersTestPeer::dblWlanUidWhitelist(params_) =
+            ParametersTestPeer::gamingUidList(params_) = {"4294967294"};
     IptablesManager* mgr = IptablesManager::instance();
     mgr->setup_SLM_iptables_FWMARK_chains();
     mgr->setup_uid_whitelist();

@@ -46,22 +46,27 @@ void copyName(char* dst, size_t size, const std::string& src) {
     dst[n] = '\0';
 }
 
-// One configuration key: either a tuning slot, an int field or a text field.
+// One configuration key: a tuning slot, an int field, a text field or a text setter (for the
+// texts that are guarded at run time).
 struct ConfKey {
     const char* name;
     int slot;
-    int32_t Parameters::*intField;
+    mlbd::Relaxed<int32_t> Parameters::*intField;
     std::string Parameters::*textField;
+    void (Parameters::*textSetter)(const char*);
 };
 
 constexpr ConfKey slotKey(const char* name, int slot) {
-    return {name, slot, nullptr, nullptr};
+    return {name, slot, nullptr, nullptr, nullptr};
 }
-constexpr ConfKey intKey(const char* name, int32_t Parameters::*field) {
-    return {name, -1, field, nullptr};
+constexpr ConfKey intKey(const char* name, mlbd::Relaxed<int32_t> Parameters::*field) {
+    return {name, -1, field, nullptr, nullptr};
 }
 constexpr ConfKey textKey(const char* name, std::string Parameters::*field) {
-    return {name, -1, nullptr, field};
+    return {name, -1, nullptr, field, nullptr};
+}
+constexpr ConfKey setterKey(const char* name, void (Parameters::*setter)(const char*)) {
+    return {name, -1, nullptr, nullptr, setter};
 }
 
 const ConfKey kConfKeys[] = {
@@ -83,7 +88,7 @@ const ConfKey kConfKeys[] = {
         intKey("best_est_cache_size", &Parameters::bestEstCacheSize),
         intKey("init_wwan_percentage", &Parameters::initWwanPercentage),
         textKey("gaming_whitelist", &Parameters::gaming_whitelist),
-        textKey("rtt_server", &Parameters::rttServer),
+        setterKey("rtt_server", &Parameters::setGamingRttServer),
         intKey("ping_period_ms", &Parameters::ping_period_ms),
         intKey("rtt_noresponse_timeout_ms", &Parameters::rtt_noresponse_timeout_ms),
         intKey("rtt_hist", &Parameters::rtt_hist),
@@ -108,7 +113,7 @@ const ConfKey kConfKeys[] = {
         intKey("num_interfaces", &Parameters::num_interfaces),
         intKey("rtt_entry_threshold", &Parameters::rtt_entry_threshold),
         intKey("rtt_exit_threshold", &Parameters::rtt_exit_threshold),
-        textKey("uid_whitelist", &Parameters::uid_whitelist),
+        setterKey("uid_whitelist", &Parameters::setuidwhitelist),
 };
 
 }  // namespace
@@ -127,7 +132,7 @@ Parameters::Parameters() {
 }
 
 Parameters::~Parameters() {
-    for (auto& entry : interfaces) delete entry.second;
+    for (auto& entry : interfaces_) delete entry.second;
 }
 
 void Parameters::reset() {
@@ -154,7 +159,7 @@ void Parameters::reset() {
     serviceHighRtt = false;
     gamingRunning = false;
     voipRunning = false;
-    rttServer = DEFAULT_RTT_SERVER;
+    setGamingRttServer(DEFAULT_RTT_SERVER);
     memset(dataInterface, 0, sizeof(dataInterface));
     memset(wlanInterface, 0, sizeof(wlanInterface));
     min_ping_times = 5;
@@ -234,8 +239,10 @@ bool Parameters::setValue(const char* key, const char* value) {
             operValues[k.slot] = static_cast<uint32_t>(toInt(value));
         } else if (k.intField != nullptr) {
             this->*k.intField = toInt(value);
-        } else {
+        } else if (k.textField != nullptr) {
             this->*k.textField = value;
+        } else {
+            (this->*k.textSetter)(value);
         }
         return true;
     }
@@ -361,6 +368,20 @@ InterfaceInfo_t* Parameters::parseInterfaceParams(std::string description) {
     return nullptr;
 }
 
+namespace {
+
+// Interface names, route tables and marks are pasted into command lines, which are split at
+// blanks, and a name also into a path under /proc/sla: a text with a blank or a control
+// character (or, for a name, a '/') would split a command or leave that folder.
+bool isCommandSafe(const char* text, bool isName) {
+    for (const unsigned char* c = reinterpret_cast<const unsigned char*>(text); *c != 0; ++c) {
+        if (*c <= ' ' || *c == 0x7F || (isName && *c == '/')) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
 bool Parameters::validateInterfaceParams(InterfaceInfo_t* rec) {
     static const char* kFn = "validateInterfaceParams";
     if (rec == nullptr) {
@@ -369,6 +390,15 @@ bool Parameters::validateInterfaceParams(InterfaceInfo_t* rec) {
     }
     bool noName = rec->name[0] == '\0';
     if (noName) LOGE("%s Interface name is NULL", kFn);
+    const char* unsafe = !isCommandSafe(rec->name, true)          ? "name"
+                         : !isCommandSafe(rec->routeTable, false) ? "routeTable"
+                         : !isCommandSafe(rec->fwmark, false)     ? "fwmark"
+                                                                  : nullptr;
+    if (unsafe != nullptr) {
+        LOGE("%s Interface %s of '%s' holds a blank, a control character or a '/'", kFn, unsafe,
+             rec->name);
+        noName = true;
+    }
     if (rec->routeTable[0] == '\0') {
         LOGE("%s Interface routeTable is NULL", kFn);
         if (rec->fwmark[0] == '\0') LOGE("%s Interface fwmark is NULL", kFn);
@@ -394,7 +424,7 @@ bool Parameters::addNewInterfacetoMap(InterfaceInfo_t* rec) {
         LOGE("%s Add interface failed ", "addNewInterfacetoMap");
         return false;
     }
-    InterfaceInfo_t*& slot = interfaces[rec->name];
+    InterfaceInfo_t*& slot = interfaces_[rec->name];
     // Nothing can hold a record yet while the map is being built, so a replaced one is freed.
     if (slot != nullptr && slot != rec) delete slot;
     slot = rec;
@@ -409,14 +439,14 @@ void Parameters::buildInterfaceMap() {
         InterfaceInfo_t* rec = parseInterfaceParams(*interfaceString(i));
         if (rec != nullptr && addNewInterfacetoMap(rec)) ++added;
     }
-    LOGD(" SlaParameters added ifaces = %d getNumInterfaces =%d", added, num_interfaces);
+    LOGD(" SlaParameters added ifaces = %d getNumInterfaces =%d", added, num_interfaces.load());
     if (added == num_interfaces) return;
 
     LOGE("%s Error when reading interfaces from config file - reset to defaults wlan0 and "
          "rmnet_data0",
          "Parameters");
-    for (auto& entry : interfaces) delete entry.second;
-    interfaces.clear();
+    for (auto& entry : interfaces_) delete entry.second;
+    interfaces_.clear();
 
     InterfaceInfo_t* wlan = new InterfaceInfo_t();
     strcpy(wlan->name, "wlan0");
@@ -437,26 +467,83 @@ void Parameters::buildInterfaceMap() {
 
 // ---- User-id lists ----
 
+InterfaceInfo_t* Parameters::findInterface(const std::string& name) const {
+    auto it = interfaces_.find(name);
+    return it == interfaces_.end() ? nullptr : it->second;
+}
+
 void Parameters::setuidwhitelist(const char* text) {
+    std::lock_guard<std::mutex> lock(textMutex_);
     if (text != nullptr) uid_whitelist = text;
 }
 
 void Parameters::setDblWlanUidWhitelist(const char* text) {
+    std::lock_guard<std::mutex> lock(textMutex_);
     if (text != nullptr) dblWlanUidWhitelistStr = text;
 }
 
 void Parameters::setGamingUids(const char* text) {
+    std::lock_guard<std::mutex> lock(textMutex_);
     if (text != nullptr) gamingUids = text;
 }
 
 void Parameters::setGamingRttServer(const char* text) {
+    std::lock_guard<std::mutex> lock(textMutex_);
     if (text != nullptr) rttServer = text;
+}
+
+void Parameters::setRttTarget(const char* server, int32_t port) {
+    std::lock_guard<std::mutex> lock(textMutex_);
+    if (server != nullptr) rttServer = server;
+    rttServerPort = port;
+}
+
+void Parameters::getRttTarget(std::string* server, int32_t* port) const {
+    std::lock_guard<std::mutex> lock(textMutex_);
+    *server = rttServer;
+    *port = rttServerPort;
+}
+
+std::string Parameters::getGamingRttServer() const {
+    std::lock_guard<std::mutex> lock(textMutex_);
+    return rttServer;
+}
+
+std::string Parameters::getGamingUids() const {
+    std::lock_guard<std::mutex> lock(textMutex_);
+    return gamingUids;
+}
+
+std::string Parameters::getUidWhitelistText() const {
+    std::lock_guard<std::mutex> lock(textMutex_);
+    return uid_whitelist;
+}
+
+std::string Parameters::getDblWlanUidWhitelistText() const {
+    std::lock_guard<std::mutex> lock(textMutex_);
+    return dblWlanUidWhitelistStr;
+}
+
+std::vector<std::string> Parameters::getGamingUidList() const {
+    std::lock_guard<std::mutex> lock(textMutex_);
+    return gamingUidList;
+}
+
+std::vector<std::string> Parameters::getUidWhitelist() const {
+    std::lock_guard<std::mutex> lock(textMutex_);
+    return uidWhitelist;
+}
+
+std::vector<std::string> Parameters::getDblWlanUidWhitelist() const {
+    std::lock_guard<std::mutex> lock(textMutex_);
+    return dblWlanUidWhitelist;
 }
 
 namespace {
 
-void populateLimited(const std::string& text, std::vector<std::string>& list, const char* fn) {
-    list.clear();
+// The fields of `text` of at most kMaxWhitelistUidLength characters; a longer one is logged.
+std::vector<std::string> limitedFields(const std::string& text, const char* fn) {
+    std::vector<std::string> list;
     for (std::string& field : splitFields(text)) {
         if (field.size() > kMaxWhitelistUidLength) {
             LOGE("%s token length error is %lu", fn, static_cast<unsigned long>(field.size()));
@@ -464,20 +551,30 @@ void populateLimited(const std::string& text, std::vector<std::string>& list, co
         }
         list.push_back(std::move(field));
     }
+    return list;
 }
 
 }  // namespace
 
+// Each list is built from a copy of its text and swapped in whole, so a reader's copy is always
+// one complete list.
 void Parameters::populateuidwhitelist() {
-    populateLimited(uid_whitelist, uidWhitelist, "populateuidwhitelist");
+    std::vector<std::string> list = limitedFields(getUidWhitelistText(), "populateuidwhitelist");
+    std::lock_guard<std::mutex> lock(textMutex_);
+    uidWhitelist.swap(list);
 }
 
 void Parameters::populateDblWlanUidWhitelist() {
-    populateLimited(dblWlanUidWhitelistStr, dblWlanUidWhitelist, "populateDblWlanUidWhitelist");
+    std::vector<std::string> list =
+            limitedFields(getDblWlanUidWhitelistText(), "populateDblWlanUidWhitelist");
+    std::lock_guard<std::mutex> lock(textMutex_);
+    dblWlanUidWhitelist.swap(list);
 }
 
 void Parameters::populateGamingUids() {
-    gamingUidList = splitFields(gamingUids);
+    std::vector<std::string> list = splitFields(getGamingUids());
+    std::lock_guard<std::mutex> lock(textMutex_);
+    gamingUidList.swap(list);
 }
 
 void Parameters::updateuidwhitelist() {

@@ -2,18 +2,27 @@
  * The daemon's process-wide store of configuration and run-time switches.
  *
  * Values come from three layers applied by reset(): built-in defaults, the configuration file,
- * then system properties. Control commands change flags and user-id lists at run time.
- * There is no lock: the one-byte flags and 32-bit slots are read and written whole, and the
- * strings are replaced only by the control thread.
+ * then system properties. Control commands change flags and user-id lists at run time, from
+ * their own thread, while the main loop, the rule code, the probes and the monitors read them:
+ *
+ * - flags and numbers are relaxed atomics (Relaxed<T>): cheap to read, written whole;
+ * - the texts and user-id lists that change at run time (the three UID lists and their texts,
+ *   the gaming UIDs, the RTT server) are private, replaced under one lock and read as copies;
+ * - the interface map is built once by the constructor and never changed afterwards, so any
+ *   thread may walk it without a lock; the records it holds live as long as the store;
+ * - the other texts (protocols, ports, interface descriptions, ...) are written only while the
+ *   store is being built, before any other thread exists.
  */
 #pragma once
 
 #include <stdint.h>
 
 #include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
+#include "parameters/Relaxed.h"
 #include "platform/Platform.h"
 
 // Index of the 32-bit tuning slots. Ids 11 to 28 are spare: no key sets them and they read 0,
@@ -92,7 +101,8 @@ class Parameters {
     void setVoipRunning(bool value) { voipRunning = value & 1; }
     void setGamingConnectStatus(bool value) { gamingConnectStatus = value & 1; }
 
-    const char* getGamingUids() { return gamingUids.c_str(); }
+    // Run-time texts and lists: setters replace them under the lock, getters return copies.
+    std::string getGamingUids() const;
     void setGamingUids(const char* text);
     void populateGamingUids();
     void setuidwhitelist(const char* text);
@@ -100,6 +110,15 @@ class Parameters {
     void setDblWlanUidWhitelist(const char* text);
     void populateDblWlanUidWhitelist();
     void setGamingRttServer(const char* text);
+    std::string getGamingRttServer() const;
+    // The probe target, address text and port, read or replaced together.
+    void getRttTarget(std::string* server, int32_t* port) const;
+    void setRttTarget(const char* server, int32_t port);
+    std::string getUidWhitelistText() const;
+    std::string getDblWlanUidWhitelistText() const;
+    std::vector<std::string> getGamingUidList() const;
+    std::vector<std::string> getUidWhitelist() const;
+    std::vector<std::string> getDblWlanUidWhitelist() const;
     void updateuidwhitelist();
 
     void setWlanInterface(const char* name);
@@ -118,72 +137,80 @@ class Parameters {
     void fromVector(std::vector<std::string>& lines);
     static std::string& trim(std::string& s);
 
-    // Interface list.
+    // Interface list. The map is complete once the constructor has returned and never changes
+    // afterwards; its records live as long as the store.
+    const std::map<std::string, InterfaceInfo_t*>& interfaces() const { return interfaces_; }
+    InterfaceInfo_t* findInterface(const std::string& name) const;
     InterfaceInfo_t* parseInterfaceParams(std::string description);
-    bool addNewInterfacetoMap(InterfaceInfo_t* rec);
     bool validateInterfaceParams(InterfaceInfo_t* rec);
     void populatIfaceslist(std::string mode);
     void updateIfaces();
 
-    std::vector<std::string> gamingUidList;
-    std::vector<std::string> uidWhitelist;
-    std::vector<std::string> dblWlanUidWhitelist;
     std::vector<std::string> ifaceNames;
-    std::map<std::string, InterfaceInfo_t*> interfaces;
     uint8_t spare = 0;
-    uint32_t operValues[OPER_MAX_ID + 1] = {};
+    mlbd::Relaxed<uint32_t> operValues[OPER_MAX_ID + 1] = {};
     char dataInterface[16] = {};
     char wlanInterface[16] = {};
     char ifacesProp[PROP_VALUE_MAX] = {};
     char modeProp[PROP_VALUE_MAX] = {};
     std::string protocols;
     std::string ports;
-    int32_t estimatePackNum = 0;
-    int32_t minRatioChange = 0;
-    int32_t bestEstCacheSize = 0;
-    int32_t initWwanPercentage = 0;
-    bool serviceHighRtt = false;
-    bool gamingRunning = false;
-    bool gamingConnectStatus = false;
-    bool voipRunning = false;
-    std::string gamingUids;
+    mlbd::Relaxed<int32_t> estimatePackNum = 0;
+    mlbd::Relaxed<int32_t> minRatioChange = 0;
+    mlbd::Relaxed<int32_t> bestEstCacheSize = 0;
+    mlbd::Relaxed<int32_t> initWwanPercentage = 0;
+    mlbd::Relaxed<bool> serviceHighRtt = false;
+    mlbd::Relaxed<bool> gamingRunning = false;
+    mlbd::Relaxed<bool> gamingConnectStatus = false;
+    mlbd::Relaxed<bool> voipRunning = false;
     std::string gaming_whitelist;
-    std::string rttServer;
-    int32_t rttServerPort = 0;
-    int32_t ping_period_ms = 0;
-    int32_t rtt_noresponse_timeout_ms = 0;
-    int32_t rtt_hist = 0;
-    int32_t rtt_w2c_th_wifi_ms = 0;
-    int32_t rtt_w2c_th_c_ms = 0;
-    int32_t rtt_delta_ms = 0;
-    int32_t rtt_c2w_th_wifi_ms = 0;
-    int32_t rtt_c2w_th_wifi_min_ms = 0;
-    int32_t rtt_c2w_th_c_ms = 0;
-    int32_t t_hyst_s = 0;
-    int32_t min_ping_times = 0;
-    int32_t ping_interval_ms = 0;
-    int32_t alpha_percent = 0;
-    int32_t n_hyst = 0;
-    int32_t rtt_min_cap_ms = 0;
-    int32_t gaming_poll_freq_cnt = 0;
+    mlbd::Relaxed<int32_t> rttServerPort = 0;
+    mlbd::Relaxed<int32_t> ping_period_ms = 0;
+    mlbd::Relaxed<int32_t> rtt_noresponse_timeout_ms = 0;
+    mlbd::Relaxed<int32_t> rtt_hist = 0;
+    mlbd::Relaxed<int32_t> rtt_w2c_th_wifi_ms = 0;
+    mlbd::Relaxed<int32_t> rtt_w2c_th_c_ms = 0;
+    mlbd::Relaxed<int32_t> rtt_delta_ms = 0;
+    mlbd::Relaxed<int32_t> rtt_c2w_th_wifi_ms = 0;
+    mlbd::Relaxed<int32_t> rtt_c2w_th_wifi_min_ms = 0;
+    mlbd::Relaxed<int32_t> rtt_c2w_th_c_ms = 0;
+    mlbd::Relaxed<int32_t> t_hyst_s = 0;
+    mlbd::Relaxed<int32_t> min_ping_times = 0;
+    mlbd::Relaxed<int32_t> ping_interval_ms = 0;
+    mlbd::Relaxed<int32_t> alpha_percent = 0;
+    mlbd::Relaxed<int32_t> n_hyst = 0;
+    mlbd::Relaxed<int32_t> rtt_min_cap_ms = 0;
+    mlbd::Relaxed<int32_t> gaming_poll_freq_cnt = 0;
     std::string gaming_uid_list;
-    std::string uid_whitelist;
-    std::string dblWlanUidWhitelistStr;
     std::string ifacesList;
     std::string interface_0;
     std::string interface_1;
     std::string interface_2;
     std::string interface_3;
-    int32_t num_interfaces = 0;
-    int32_t rtt_entry_threshold = 0;
-    int32_t rtt_exit_threshold = 0;
-    int32_t wifiIfaceCount = 0;
-    int32_t wifiRttPenaltyMs = 0;
+    mlbd::Relaxed<int32_t> num_interfaces = 0;
+    mlbd::Relaxed<int32_t> rtt_entry_threshold = 0;
+    mlbd::Relaxed<int32_t> rtt_exit_threshold = 0;
+    mlbd::Relaxed<int32_t> wifiIfaceCount = 0;
+    mlbd::Relaxed<int32_t> wifiRttPenaltyMs = 0;
     char lastUidWhitelistProp[128] = {};
 
   private:
+    friend struct ParametersTestPeer;
     std::string* interfaceString(int index);
     void buildInterfaceMap();
+    bool addNewInterfacetoMap(InterfaceInfo_t* rec);
+
+    std::map<std::string, InterfaceInfo_t*> interfaces_;
+
+    // Guards the run-time texts and lists below.
+    mutable std::mutex textMutex_;
+    std::vector<std::string> gamingUidList;
+    std::vector<std::string> uidWhitelist;
+    std::vector<std::string> dblWlanUidWhitelist;
+    std::string gamingUids;
+    std::string rttServer;
+    std::string uid_whitelist;
+    std::string dblWlanUidWhitelistStr;
 
     static Parameters* sInstance;
 };

@@ -5,6 +5,7 @@
 
 #include <fstream>
 #include <string>
+#include <thread>
 
 #include "Parameters.h"
 
@@ -43,8 +44,8 @@ TEST_F(ParametersTest, DefaultsWithoutFileOrProperties) {
     for (int id = 0; id < 15; ++id) EXPECT_EQ(p.get(static_cast<OperId>(id)), slots[id]) << id;
     for (int id : {13, 28}) EXPECT_EQ(p.get(static_cast<OperId>(id)), 0u);
     for (int id : {29, 1000, -1}) EXPECT_EQ(p.get(static_cast<OperId>(id)), 0xFFFFFFFFu);
-    EXPECT_EQ(p.rttServer, DEFAULT_RTT_SERVER);
-    EXPECT_EQ(std::vector<int>({p.rttServerPort, p.ping_period_ms, p.min_ping_times,
+    EXPECT_EQ(p.getGamingRttServer(), DEFAULT_RTT_SERVER);
+    EXPECT_EQ(std::vector<int>({p.rttServerPort.load(), p.ping_period_ms, p.min_ping_times,
                                 p.ping_interval_ms, p.alpha_percent, p.n_hyst, p.rtt_min_cap_ms,
                                 p.gaming_poll_freq_cnt, p.rtt_entry_threshold, p.rtt_exit_threshold,
                                 p.estimatePackNum, p.minRatioChange}),
@@ -54,7 +55,7 @@ TEST_F(ParametersTest, DefaultsWithoutFileOrProperties) {
     EXPECT_STREQ(p.getStatsPorts(buf, sizeof(buf)), "ports=80,443");
     // No interface property: no interfaces and no fallback.
     EXPECT_EQ(p.num_interfaces, 0);
-    EXPECT_TRUE(p.interfaces.empty());
+    EXPECT_TRUE(p.interfaces().empty());
     EXPECT_STREQ(p.lastUidWhitelistProp, "0");
 }
 
@@ -84,7 +85,7 @@ TEST_F(ParametersTest, ConfigurationLineRules) {
     EXPECT_EQ(p.get(OPER_WIFI_THRESHOLD), 1600u);
     EXPECT_EQ(p.ping_interval_ms, 500);
     EXPECT_EQ(p.rtt_hist, 50);  // the character before '#' goes with the comment
-    EXPECT_EQ(p.rttServer, "a=b");
+    EXPECT_EQ(p.getGamingRttServer(), "a=b");
     EXPECT_EQ(p.get(OPER_SLA_ENABLED), 0u);
     EXPECT_EQ(p.get(OPER_WAN_THRESHOLD), 300u);
     EXPECT_EQ(p.minRatioChange, -12);
@@ -96,9 +97,7 @@ TEST_F(ParametersTest, ConfigurationLineRules) {
     char buf[32];
     EXPECT_STREQ(p.getStatsPorts(buf, sizeof(buf)), "ports=80,443,8080");
     EXPECT_STREQ(p.getStatsPorts(buf, 8), "ports=8");  // cut to the caller's buffer
-    EXPECT_EQ(p.uid_whitelist, "10123,10234");
-    p.populateuidwhitelist();
-    EXPECT_EQ(p.uidWhitelist, (std::vector<std::string>{"10123", "10234"}));
+    EXPECT_EQ(p.getUidWhitelistText(), "10123,10234");
 
     std::string s = "  #";
     EXPECT_EQ(Parameters::trim(s), "");
@@ -118,7 +117,7 @@ TEST_F(ParametersTest, HostileConfigurationFile) {
     Parameters p;
     EXPECT_EQ(p.get(OPER_MINI_EST_INTERVAL), 250u);
     EXPECT_EQ(p.ports, "");  // the value ends at the NUL
-    EXPECT_EQ(p.rttServer, "\xff\xff");
+    EXPECT_EQ(p.getGamingRttServer(), "\xff\xff");
     EXPECT_EQ(p.get(OPER_WIFI_THRESHOLD), 1234u);
 
     // A file far beyond the size limit is read up to the limit and the daemon goes on.
@@ -170,16 +169,16 @@ TEST_F(ParametersTest, InterfaceDescriptionsAndRoles) {
     EXPECT_EQ(p.interface_1, "wlan1,0,wlan1,0x5B,0,0,0,1");
     EXPECT_EQ(p.interface_2, "rmnet_data0,1,rmnet_data0,0x5C,0,0,0,0");
     EXPECT_EQ(p.interface_3, "eth7,0,eth7,0x5A,0,0,0,0");
-    ASSERT_EQ(p.interfaces.size(), 4u);
+    ASSERT_EQ(p.interfaces().size(), 4u);
     EXPECT_EQ(p.wifiIfaceCount, 3);
-    InterfaceInfo_t* w1 = p.interfaces["wlan1"];
+    InterfaceInfo_t* w1 = p.interfaces().at("wlan1");
     EXPECT_TRUE(w1->dblWlan);
     EXPECT_FALSE(w1->isDefault);
     EXPECT_STREQ(w1->fwmark, "0x5B");
-    InterfaceInfo_t* cell = p.interfaces["rmnet_data0"];
+    InterfaceInfo_t* cell = p.interfaces().at("rmnet_data0");
     EXPECT_TRUE(cell->metered);
     EXPECT_STREQ(cell->routeTable, "rmnet_data0");
-    EXPECT_EQ(std::string(p.interfaces.begin()->first), "eth7");  // ordered by name
+    EXPECT_EQ(std::string(p.interfaces().begin()->first), "eth7");  // ordered by name
 
     // Field conversions; empty fields count; seven fields fail.
     InterfaceInfo_t* rec = p.parseInterfaceParams("x,7,tbl,0x9,0,-3,12abc,1");
@@ -198,7 +197,6 @@ TEST_F(ParametersTest, InterfaceDescriptionsAndRoles) {
     EXPECT_EQ(strlen(rec->name), 127u);
     delete rec;
     EXPECT_FALSE(p.validateInterfaceParams(nullptr));
-    EXPECT_FALSE(p.addNewInterfacetoMap(nullptr));
 }
 
 TEST_F(ParametersTest, InterfaceFallbackAndLimits) {
@@ -207,10 +205,10 @@ TEST_F(ParametersTest, InterfaceFallbackAndLimits) {
     {
         Parameters p;
         EXPECT_EQ(p.num_interfaces, 3);
-        ASSERT_EQ(p.interfaces.size(), 2u);
-        EXPECT_STREQ(p.interfaces["wlan0"]->fwmark, "0x5A");
-        EXPECT_TRUE(p.interfaces["rmnet_data0"]->metered);
-        EXPECT_TRUE(p.interfaces["rmnet_data0"]->isDefault);
+        ASSERT_EQ(p.interfaces().size(), 2u);
+        EXPECT_STREQ(p.interfaces().at("wlan0")->fwmark, "0x5A");
+        EXPECT_TRUE(p.interfaces().at("rmnet_data0")->metered);
+        EXPECT_TRUE(p.interfaces().at("rmnet_data0")->isDefault);
         // wlan0, the empty name and the fallback wlan0 were all counted.
         EXPECT_EQ(p.wifiIfaceCount, 3);
     }
@@ -220,15 +218,15 @@ TEST_F(ParametersTest, InterfaceFallbackAndLimits) {
     setProp("vendor.sla.mode", "0");
     {
         Parameters p;
-        ASSERT_EQ(p.interfaces.size(), 1u);
-        EXPECT_FALSE(p.interfaces["ccmni1"]->metered);
-        EXPECT_STREQ(p.interfaces["ccmni1"]->fwmark, "0x5C");
+        ASSERT_EQ(p.interfaces().size(), 1u);
+        EXPECT_FALSE(p.interfaces().at("ccmni1")->metered);
+        EXPECT_STREQ(p.interfaces().at("ccmni1")->fwmark, "0x5C");
     }
     setProp("vendor.sla.mode", "1,1");
     {
         Parameters p;
-        EXPECT_EQ(p.interfaces.size(), 2u);
-        EXPECT_EQ(p.interfaces.count("ccmni1"), 0u);
+        EXPECT_EQ(p.interfaces().size(), 2u);
+        EXPECT_EQ(p.interfaces().count("ccmni1"), 0u);
     }
     // More than four names are cut to four; a trailing comma adds nothing.
     setProp("vendor.sla.ifaces", "a,b,c,d,e,f,");
@@ -236,14 +234,21 @@ TEST_F(ParametersTest, InterfaceFallbackAndLimits) {
     {
         Parameters p;
         EXPECT_EQ(p.num_interfaces, 4);
-        EXPECT_EQ(p.interfaces.size(), 4u);
-        EXPECT_EQ(p.interfaces.count("e"), 0u);
+        EXPECT_EQ(p.interfaces().size(), 4u);
+        EXPECT_EQ(p.interfaces().count("e"), 0u);
+    }
+    // A name that would split a command line or leave /proc/sla fails like an empty one.
+    for (const char* bad : {"wlan0,rmnet data0", "wlan0,../x", "wlan0,a\tb"}) {
+        setProp("vendor.sla.ifaces", bad);
+        Parameters p;
+        EXPECT_EQ(p.interfaces().size(), 2u) << bad;
+        EXPECT_EQ(p.interfaces().count("rmnet_data0"), 1u) << bad;
     }
     // A duplicate name replaces the earlier record.
     setProp("vendor.sla.ifaces", "wlan0,wlan0");
     {
         Parameters p;
-        EXPECT_EQ(p.interfaces.size(), 1u);
+        EXPECT_EQ(p.interfaces().size(), 1u);
     }
 }
 
@@ -251,11 +256,10 @@ TEST_F(ParametersTest, UidLists) {
     writeConf("uid_whitelist=10123,123456,,10234,\n");
     {
         mlbd::initLogging();
-        Parameters p;
         testing::internal::CaptureStderr();
-        p.populateuidwhitelist();
+        Parameters* p = Parameters::instance();  // instance() splits the whitelist
         std::string log = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(p.uidWhitelist, (std::vector<std::string>{"10123", "", "10234"}));
+        EXPECT_EQ(p->getUidWhitelist(), (std::vector<std::string>{"10123", "", "10234"}));
         EXPECT_NE(log.find(" E Mlbd-SlaParameters: populateuidwhitelist token length error is 6\n"),
                   std::string::npos)
                 << log;
@@ -264,30 +268,54 @@ TEST_F(ParametersTest, UidLists) {
     setProp("vendor.sla.uidwhitelist", "0");
     {
         Parameters p;
-        EXPECT_EQ(p.uid_whitelist, "10123,123456,,10234,");
+        EXPECT_EQ(p.getUidWhitelistText(), "10123,123456,,10234,");
     }
     setProp("vendor.sla.uidwhitelist", "555,777");
-    Parameters* p = Parameters::instance();
-    EXPECT_EQ(p->uidWhitelist, (std::vector<std::string>{"555", "777"}));
-    EXPECT_STREQ(p->lastUidWhitelistProp, "555,777");
-    p->setuidwhitelist("1");  // an equal property value changes nothing
-    p->updateuidwhitelist();
-    EXPECT_EQ(p->uid_whitelist, "1");
+    Parameters p;
+    p.populateuidwhitelist();
+    EXPECT_EQ(p.getUidWhitelist(), (std::vector<std::string>{"555", "777"}));
+    EXPECT_STREQ(p.lastUidWhitelistProp, "555,777");
+    p.setuidwhitelist("1");  // an equal property value changes nothing
+    p.updateuidwhitelist();
+    EXPECT_EQ(p.getUidWhitelistText(), "1");
 
-    p->setGamingUids("10001,1234567890,10001");
-    p->populateGamingUids();
-    EXPECT_EQ(p->gamingUidList, (std::vector<std::string>{"10001", "1234567890", "10001"}));
-    p->setGamingUids(nullptr);
-    p->populateGamingUids();
-    EXPECT_STREQ(p->getGamingUids(), "10001,1234567890,10001");
-    EXPECT_EQ(p->gamingUidList.size(), 3u);
-    p->setGamingUids("");
-    p->populateGamingUids();
-    EXPECT_TRUE(p->gamingUidList.empty());
+    p.setGamingUids("10001,1234567890,10001");
+    p.populateGamingUids();
+    EXPECT_EQ(p.getGamingUidList(), (std::vector<std::string>{"10001", "1234567890", "10001"}));
+    p.setGamingUids(nullptr);
+    p.populateGamingUids();
+    EXPECT_EQ(p.getGamingUids(), "10001,1234567890,10001");
+    EXPECT_EQ(p.getGamingUidList().size(), 3u);
+    p.setGamingUids("");
+    p.populateGamingUids();
+    EXPECT_TRUE(p.getGamingUidList().empty());
 
-    p->setDblWlanUidWhitelist("1,22,333333");
-    p->populateDblWlanUidWhitelist();
-    EXPECT_EQ(p->dblWlanUidWhitelist, (std::vector<std::string>{"1", "22"}));
+    p.setDblWlanUidWhitelist("1,22,333333");
+    p.populateDblWlanUidWhitelist();
+    EXPECT_EQ(p.getDblWlanUidWhitelist(), (std::vector<std::string>{"1", "22"}));
+}
+
+// The control thread replaces lists and the probe target while other threads read them; a
+// reader always sees one whole value (run under ThreadSanitizer).
+TEST_F(ParametersTest, ConcurrentReadersSeeWholeValues) {
+    Parameters p;
+    std::thread writer([&p] {
+        for (int i = 0; i < 2000; ++i) {
+            p.setGamingUids(i % 2 ? "1,2,3" : "4");
+            p.populateGamingUids();
+            p.setRttTarget(i % 2 ? "10.0.0.1" : "10.0.0.22", i % 2 ? 1 : 22);
+            p.rtt_exit_threshold = i;
+        }
+    });
+    for (int i = 0; i < 2000; ++i) {
+        size_t n = p.getGamingUidList().size();
+        EXPECT_TRUE(n == 0 || n == 1 || n == 3) << n;
+        std::string server;
+        int32_t port = 0;
+        p.getRttTarget(&server, &port);
+        EXPECT_EQ(server.size(), port == 443 ? strlen(DEFAULT_RTT_SERVER) : 8u + (port == 22));
+    }
+    writer.join();
 }
 
 }  // namespace

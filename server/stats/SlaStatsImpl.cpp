@@ -90,8 +90,8 @@ bool holdsWholeLayout(int fd, const char* path) {
 // Looks the interface up in the configured interface map. An interface that is not configured
 // is taken as metered, the conservative side: it then only ever gets a cellular share.
 bool isMetered(Parameters* params, const std::string& name) {
-    auto it = params->interfaces.find(name);
-    if (it == params->interfaces.end() || it->second == nullptr) return true;
+    auto it = params->interfaces().find(name);
+    if (it == params->interfaces().end() || it->second == nullptr) return true;
     return it->second->metered;
 }
 
@@ -143,7 +143,7 @@ bool SlaStatsImpl::enableSLA(bool enable) {
     Parameters* params = Parameters::instance();
     writeStatsConfFile(params->getStatsProtocols(text, sizeof(text)));
     writeStatsConfFile(params->getStatsPorts(text, sizeof(text)));
-    for (auto& entry : params->interfaces) {
+    for (auto& entry : params->interfaces()) {
         snprintf(text, sizeof(text), "%s%s", "iface=", entry.first.c_str());
         writeStatsConfFile(text);
     }
@@ -199,10 +199,10 @@ void SlaStatsImpl::releaseWrapper(linkStatsWrapper_t* wrapper) {
 bool SlaStatsImpl::initMmap() {
     Parameters* params = Parameters::instance();
     std::lock_guard<std::mutex> lock(mutex_);
-    if (params->interfaces.empty()) return statsMap.empty();
+    if (params->interfaces().empty()) return statsMap.empty();
 
     size_t successes = 0;
-    for (auto& entry : params->interfaces) {
+    for (auto& entry : params->interfaces()) {
         const std::string& name = entry.first;
         linkStatsWrapper_t* wrapper = new linkStatsWrapper_t();
         snprintf(wrapper->interfaceName, sizeof(wrapper->interfaceName), "%s", name.c_str());

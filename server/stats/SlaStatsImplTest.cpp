@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "iptables/execnetd.h"
+#include "parameters/ParametersTestPeer.h"
 #include "platform/Platform.h"
 #include "stats/SlaRingTestUtil.h"
 #include "stats/SlaStatsImpl.h"
@@ -104,7 +105,8 @@ const RatioCase kRatios[] = {
 TEST_F(SlaStatsImplTest, RatioCasesAndRebuildDecision) {
     SlaStatsImpl* impl = SlaStatsImpl::instance();
     Parameters* params = Parameters::instance();
-    params->interfaces["wlan1"] = new InterfaceInfo_t(*params->interfaces["wlan0"]);
+    auto& ifaces = ParametersTestPeer::interfaces(params);
+    ifaces["wlan1"] = new InterfaceInfo_t(*ifaces["wlan0"]);
     const char* names[] = {"wlan0", "wlan1", "rmnet_data0"};
     for (size_t i = 0; i < sizeof(kRatios) / sizeof(kRatios[0]); ++i) {
         const RatioCase& c = kRatios[i];
