@@ -9,6 +9,7 @@
 #include "monitor/SockDiag.h"
 #include "parameters/Parameters.h"
 #include "platform/Platform.h"
+#include "sls/SmartLinkSelection.h"
 #include "stats/SlaStatsImpl.h"
 
 #define LOG_TAG "Mlbd-daemon"
@@ -33,6 +34,7 @@ int main() {
     // always runs at least once.
     do {
         slaStats->evalAndSetSLAInterfaceRatio();
+        SmartLinkSelection::slsChooseInterface();
         usleep(parameters->get(OPER_MINI_EST_INTERVAL) * 1000u);
     } while (parameters->getSLAVendorProp() != 2);
 

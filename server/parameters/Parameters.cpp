@@ -4,10 +4,10 @@
 #include "Parameters.h"
 
 #include <android/log.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include <fstream>
 #include <sstream>
 
 #define LOG_TAG "Mlbd-SlaParameters"
@@ -250,21 +250,27 @@ bool Parameters::setValue(const char* key, const char* value) {
 }
 
 void Parameters::readMlbdConfFile(const char* path) {
-    std::ifstream in(path, std::ios::in | std::ios::binary);
-    if (!in.is_open()) {
+    FILE* file = fopen(path, "rbe");
+    if (file == nullptr) {
         LOGE("read mlbd conf file failed!");
         return;
     }
+    // One byte more than the limit tells whether the file goes on beyond it.
+    std::string text(kMaxConfBytes + 1, '\0');
+    text.resize(fread(&text[0], 1, text.size(), file));
+    fclose(file);
+    if (text.size() > kMaxConfBytes) {
+        LOGE("%s mlbd conf file is larger than %zu bytes, the rest is ignored", "readMlbdConfFile",
+             kMaxConfBytes);
+        // Only whole lines within the limit count.
+        text.resize(kMaxConfBytes);
+        size_t lastNewline = text.rfind('\n');
+        text.resize(lastNewline == std::string::npos ? 0 : lastNewline + 1);
+    }
     std::vector<std::string> lines;
+    std::istringstream in(text);
     std::string line;
-    size_t total = 0;
     while (std::getline(in, line)) {
-        total += line.size() + 1;
-        if (total > kMaxConfBytes) {
-            LOGE("%s mlbd conf file is larger than %zu bytes, the rest is ignored",
-                 "readMlbdConfFile", kMaxConfBytes);
-            break;
-        }
         trim(line);
         if (line.empty() || line[0] == '#') continue;
         lines.push_back(line);

@@ -1,0 +1,64 @@
+/*
+ * One managed interface's round-trip record for smart link selection.
+ *
+ * The interface's probe thread folds each measurement into it (setSpeed) about twice a second;
+ * the interface choice on the main loop reads the smoothed value, the interface's speed: a
+ * round-trip time in milliseconds, smaller is faster, -1 for an interface that failed to answer
+ * too often (or has not been measured yet).
+ *
+ * Records are shared: the selection's map and every probe thread working on a record hold it
+ * through a shared_ptr, so a record lives until the last of them lets go. The flags and the
+ * speed are relaxed atomics written by the controllers and the probe thread; the smoothing
+ * history is guarded by the record's own lock, because a probe thread of an older generation may
+ * still be finishing its last probe beside a new one.
+ */
+#pragma once
+
+#include <pthread.h>
+#include <stdint.h>
+
+#include <mutex>
+#include <string>
+
+#include "parameters/Relaxed.h"
+
+class InterfaceRtt {
+  public:
+    // The handle value that means "no probe thread".
+    static const pthread_t kNoThread;
+
+    // `minPingTimes`, `pingIntervalMs` and `noResponseTimeoutMs` are the configuration values at
+    // creation; `rttServer` is the probe target as it stood then (kept for the record only).
+    InterfaceRtt(const std::string& name, const std::string& rttServer, uint32_t minPingTimes,
+                 uint32_t pingIntervalMs, uint32_t noResponseTimeoutMs);
+    InterfaceRtt(const InterfaceRtt&) = delete;
+    InterfaceRtt& operator=(const InterfaceRtt&) = delete;
+
+    // Folds one probe result (milliseconds, or -1 for a failed probe) into the speed.
+    int setSpeed(int raw);
+    // True when the interface map marks the interface as metered; false (with an error line)
+    // for a name the map does not know.
+    bool isMetered() const;
+
+    // The smoothing history, read under the record's lock.
+    uint32_t getMissCount() const;
+    int32_t getPrevSpeed() const;
+
+    mlbd::Relaxed<pthread_t> thread{kNoThread};
+    const std::string rttServer;
+    const uint32_t minPingTimes;
+    const uint32_t pingIntervalMs;
+    const uint32_t noResponseTimeoutMs;
+    const std::string name;
+    // -1 until the first probe has completed, and after a failure.
+    mlbd::Relaxed<int32_t> speed{-1};
+    // Probing is wanted (the thread measures only while it is set).
+    mlbd::Relaxed<bool> running{true};
+    // The probe thread is to keep running.
+    mlbd::Relaxed<bool> alive{false};
+
+  private:
+    mutable std::mutex historyMutex_;
+    uint32_t missCount_ = 0;
+    int32_t prevSpeed_ = 1000;
+};

@@ -1,0 +1,75 @@
+/*
+ * Smart link selection: one RTT probe thread and record per managed interface, and the choice
+ * of the one interface that carries the gaming and VoIP applications' traffic.
+ *
+ * Threads: the probe threads (one per record, detached, never joined), the main loop (the
+ * choice), and the control and monitor threads (start, stop, resume, destroy). The instance is
+ * shared: instance() and existing() hand out shared_ptrs, so a caller that is still working on
+ * an instance keeps it (and its records) alive while another thread finalizes it. The record map
+ * is built once, when the instance is made, and never changes; the fields only the main loop
+ * uses (current, lastSwitchTime) need no lock, switchCount is a relaxed atomic.
+ */
+#pragma once
+
+#include <sys/time.h>
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "parameters/Relaxed.h"
+#include "sls/InterfaceRtt.h"
+
+class SmartLinkSelection {
+  public:
+    using RttMap = std::map<std::string, std::shared_ptr<InterfaceRtt>>;
+    using Clock = struct timeval (*)();
+
+    // Kept for the callers' order of calls; the instance lock needs no set-up.
+    static void Init();
+    // The instance, made (records built, no threads) on the first call after a finalize.
+    static std::shared_ptr<SmartLinkSelection> instance();
+    // The instance if there is one; never makes one.
+    static std::shared_ptr<SmartLinkSelection> existing();
+    // Stops every record's probing and thread and forgets the instance. The records are freed
+    // when their last thread has let go of them.
+    static void finalize();
+    static void cleanup();
+
+    // One selection decision, when gaming needs it (high RTT) or a call runs; called by the
+    // main loop every cycle.
+    static void slsChooseInterface();
+    // Moves the probe target to the call's own server, once per call.
+    static void setVoipIpAddressAndPort();
+
+    void createRttThreads();
+    void threadStop();
+    void threadResume();
+    void threadDestory();
+
+    // The decision: the name of the chosen interface, or null when no interface has a speed.
+    const char* calcInterface();
+    // The record with the smallest speed overall (null if none), and the fastest unmetered and
+    // metered ones; among equal speeds the later name wins.
+    std::shared_ptr<InterfaceRtt> getFastestInterface(std::shared_ptr<InterfaceRtt>* unmetered,
+                                                      std::shared_ptr<InterfaceRtt>* metered);
+
+    const RttMap& records() const { return rttMap; }
+    // Test seam: the time of day the hysteresis reads.
+    void setClock(Clock clock) { clock_ = clock; }
+
+    RttMap rttMap;
+    std::shared_ptr<InterfaceRtt> current;
+    struct timeval lastSwitchTime = {};
+    mlbd::Relaxed<int32_t> switchCount{0};
+
+    SmartLinkSelection();
+
+  private:
+    void initPingThreads();
+    Clock clock_;
+};
+
+// The probe thread body; `arg` is a heap-allocated std::shared_ptr<InterfaceRtt> that the thread
+// takes over.
+void* makeRawPingFunc(void* arg);

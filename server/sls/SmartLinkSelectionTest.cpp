@@ -1,0 +1,330 @@
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <sstream>
+#include <vector>
+
+#include "iptables/execnetd.h"
+#include "parameters/Parameters.h"
+#include "sls/SmartLinkSelection.h"
+
+namespace {
+
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+using Lines = std::vector<std::string>;
+
+// The messages of the captured log lines of one tag, without the threadtime prefix.
+Lines messages(const std::string& log, const std::string& tag = "Mlbd-SlaPing") {
+    Lines out;
+    std::istringstream in(log);
+    for (std::string line; std::getline(in, line);) {
+        size_t at = line.find(" " + tag + ": ");
+        if (at != std::string::npos) out.push_back(line.substr(at + tag.size() + 3));
+    }
+    return out;
+}
+
+struct timeval gNow = {1000, 0};
+struct timeval fakeClock() {
+    return gNow;
+}
+
+// Four links (two Wi-Fi, two cellular, metered), every command recorded instead of run.
+class SlsTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/mlbd-sls-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        root_ = tmpl;
+        setenv("MLBD_ROOT", root_.c_str(), 1);
+        for (const char* dir : {"/properties", "/proc", "/proc/sla"}) {
+            mkdir((root_ + dir).c_str(), 0755);
+        }
+        std::ofstream(root_ + "/properties/vendor.sla.ifaces") << "wlan0,wlan1,rmnet_data0,ccmni0";
+        mlbd::initLogging();
+        params_ = Parameters::instance();
+        sls_ = SmartLinkSelection::instance();
+        sls_->setClock(fakeClock);
+    }
+    void TearDown() override {
+        SmartLinkSelection::cleanup();
+        ASSERT_EQ(0, system(("rm -rf '" + root_ + "'").c_str()));
+    }
+    std::shared_ptr<InterfaceRtt> rec(const std::string& name) { return sls_->rttMap.at(name); }
+
+    std::string root_;
+    Parameters* params_ = nullptr;
+    std::shared_ptr<SmartLinkSelection> sls_;
+    mlbd::ScopedCommandRecorder commands_;
+};
+
+TEST_F(SlsTest, SmoothingMissesAndFailure) {
+    struct Case {
+        const char* what;
+        int32_t minPingTimesAtCreation, minPingTimesLater, alpha;
+        std::vector<int> raws;
+        int32_t speed, prevSpeed;
+        uint32_t missCount;
+        Lines log;  // the whole log when not empty
+    };
+    const std::string fail =
+            "setSpeed: SLA_PING Ping FAIL for RTT interface (wlan0) (calc = -1) "
+            "(old speed = 1000) (new prev = 1000) (alpha_percent = 60)";
+    const std::string pass1000 =
+            "setSpeed: SLA_PING Ping Pass for RTT interface (wlan0) (calc = "
+            "1000) (raw = 1000) (prev = 1000) (alpha_percent = 60)";
+    auto miss = [](int n) {
+        return "setSpeed: SLA_PING Ping Miss for RTT interface (wlan0) num ping miss = (" +
+               std::to_string(n) + ") ";
+    };
+    const Case cases[] = {
+            {"five misses fail the link",
+             5,
+             5,
+             60,
+             {-1, -1, -1, -1, -1},
+             -1,
+             1000,
+             5,
+             {miss(1), pass1000, miss(2), pass1000, miss(3), pass1000, miss(4), pass1000, miss(5),
+              fail}},
+            {"one success earns back one miss",
+             5,
+             5,
+             60,
+             {-1, -1, -1, -1, -1, 40},
+             424,
+             424,
+             4,
+             {}},
+            {"and the next miss fails it again",
+             5,
+             5,
+             60,
+             {-1, -1, -1, -1, -1, 40, -1},
+             -1,
+             1000,
+             5,
+             {}},
+            {"two truncating divisions",
+             5,
+             5,
+             60,
+             {35},
+             421,
+             421,
+             0,
+             {"setSpeed: SLA_PING Ping Pass for RTT interface (wlan0) (calc = 421) (raw = 35) "
+              "(prev = 1000) (alpha_percent = 60)"}},
+            {"a miss re-feeds the last speed, truncated twice",
+             5,
+             5,
+             60,
+             {35, -1},
+             420,
+             420,
+             1,
+             {}},
+            {"alpha 100 takes the measurement", 5, 5, 100, {35, 77}, 77, 77, 0, {}},
+            {"alpha 0 never moves", 5, 5, 0, {35, 77}, 1000, 1000, 0, {}},
+            {"the count saturates at the live limit",
+             5,
+             2,
+             60,
+             {-1, -1, -1, -1},
+             -1,
+             1000,
+             2,
+             {miss(1), pass1000, miss(2), fail, fail, fail}},
+            {"made with min_ping_times 1: no smoothing",
+             1,
+             5,
+             60,
+             {35, -1},
+             -1,
+             0,
+             0,
+             {"SLA_PING Ping RTT interface (wlan0) num ping rtt = (0) ",
+              "SLA_PING Ping RTT interface (wlan0) num ping rtt = (0) "}},
+    };
+    for (const Case& c : cases) {
+        params_->alpha_percent = c.alpha;
+        InterfaceRtt r("wlan0", "1.1.1.1", static_cast<uint32_t>(c.minPingTimesAtCreation), 500, 0);
+        EXPECT_EQ(-1, r.speed) << "unmeasured";
+        params_->min_ping_times = c.minPingTimesLater;
+        CaptureStderr();
+        for (int raw : c.raws) r.setSpeed(raw);
+        const Lines log = messages(GetCapturedStderr());
+        EXPECT_EQ(c.speed, r.speed) << c.what;
+        EXPECT_EQ(c.prevSpeed, r.getPrevSpeed()) << c.what;
+        EXPECT_EQ(c.missCount, r.getMissCount()) << c.what;
+        if (!c.log.empty()) {
+            EXPECT_EQ(c.log, log) << c.what;
+        }
+    }
+    // The metered test reads the interface map; an unknown name is unmetered with an error line.
+    EXPECT_TRUE(rec("rmnet_data0")->isMetered());
+    EXPECT_FALSE(rec("wlan1")->isMetered());
+    CaptureStderr();
+    EXPECT_FALSE(InterfaceRtt("eth9", "", 5, 500, 0).isMetered());
+    EXPECT_EQ(Lines{"isMetered ifaceInfo is NULL"}, messages(GetCapturedStderr()));
+}
+
+TEST_F(SlsTest, ChoiceCases) {
+    struct Case {
+        const char* what;
+        std::vector<int> speeds;  // wlan0, wlan1, rmnet_data0, ccmni0
+        const char* current;
+        const char* chosen;
+        std::string decision;  // the case line, "" for none
+    };
+    const char* names[] = {"wlan0", "wlan1", "rmnet_data0", "ccmni0"};
+    const Case cases[] = {
+            {"unmetered below exit beats faster cellular",
+             {40, -1, 30, -1},
+             nullptr,
+             "wlan0",
+             "calcInterface SLA_RTT selecting Unmetered (SLS case 1) wlan0 "},
+            {"acceptable Wi-Fi is kept",
+             {120, 10, 10, 10},
+             "wlan0",
+             "wlan0",
+             "calcInterface SLA_RTT_SELECTED remain on current unmetered iface wlan0 (SLS case 0) "
+             "metered=0 "},
+            {"slow Wi-Fi, no other Wi-Fi: the fastest",
+             {140, -1, 60, -1},
+             "wlan0",
+             "rmnet_data0",
+             "calcInterface SLA_RTT selecting  (SLS case 1) rmnet_data0 "},
+            {"failed current: the fastest",
+             {-1, -1, 60, 200},
+             "wlan0",
+             "rmnet_data0",
+             "calcInterface SLA_RTT selecting  (SLS case 1) rmnet_data0 "},
+            {"Wi-Fi under entry wins over cellular",
+             {85, -1, 100, -1},
+             "rmnet_data0",
+             "wlan0",
+             "calcInterface SLA_RTT selecting new fastest Unmetered (SLS case 2) wlan0 "},
+            {"Wi-Fi between entry and exit: stay",
+             {95, -1, 100, -1},
+             "rmnet_data0",
+             "rmnet_data0",
+             "calcInterface SLA_RTT remain on current iface rmnet_data0 (SLS case 5) "},
+            {"a metered link under entry",
+             {120, -1, 100, 50},
+             "rmnet_data0",
+             "ccmni0",
+             "calcInterface SLA_RTT selecting fastest new Metered (SLS case 3) ccmni0 "},
+            {"the current cellular is the fastest metered",
+             {140, -1, 100, 135},
+             "rmnet_data0",
+             "rmnet_data0",
+             "calcInterface SLA_RTT remain on current iface rmnet_data0 (SLS case 5) "},
+            {"current at 0 ms: everything else above exit",
+             {140, -1, 0, 150},
+             "rmnet_data0",
+             "wlan0",
+             "calcInterface SLA_RTT none of the interfaces satisfy, picking fastest (SLS case 4) "
+             "wlan0 "},
+            {"equal Wi-Fi speeds: the later name",
+             {50, 50, -1, -1},
+             nullptr,
+             "wlan1",
+             "calcInterface SLA_RTT selecting Unmetered (SLS case 1) wlan1 "},
+            {"nothing measured", {-1, 0, -1, -1}, "wlan0", "wlan0", ""},
+    };
+    params_->setGamingUids("4000000000");  // no such UID: the socket kill finds nothing
+    params_->populateGamingUids();
+    for (const Case& c : cases) {
+        for (int i = 0; i < 4; ++i) rec(names[i])->speed = c.speeds[i];
+        sls_->current = c.current ? rec(c.current) : nullptr;
+        commands_.clear();
+        gNow.tv_sec += 1;
+        CaptureStderr();
+        const char* result = sls_->calcInterface();
+        const Lines log = messages(GetCapturedStderr());
+        const bool found = c.decision.empty() ? result == nullptr : result != nullptr;
+        ASSERT_TRUE(found) << c.what;
+        if (result == nullptr) {
+            EXPECT_EQ(c.current, sls_->current->name) << c.what;
+            EXPECT_NE(log.end(),
+                      std::find(log.begin(), log.end(),
+                                "calcInterface SLA_RTT Fastest Interface returned NULL"));
+            continue;
+        }
+        EXPECT_STREQ(c.chosen, result) << c.what;
+        EXPECT_NE(log.end(), std::find(log.begin(), log.end(), c.decision)) << c.what;
+        const bool switched = c.current == nullptr || strcmp(c.current, c.chosen) != 0;
+        const std::string switchLine =
+                std::string("calcInterface SLA_RTT_SELECTED perform switch ") + c.chosen + " ";
+        EXPECT_EQ(switched, std::find(log.begin(), log.end(), switchLine) != log.end()) << c.what;
+        // A switch points the selection chains at the new link; no switch runs nothing.
+        EXPECT_EQ(switched, !commands_.lines().empty()) << c.what;
+        if (switched && c.current != nullptr) {
+            EXPECT_EQ(std::string("calcInterface SLA_RTT_SELECTED current =  ") + c.chosen +
+                              " , prvious =" + c.current,
+                      log[log.size() - 2])
+                    << c.what;
+        }
+    }
+}
+
+// n_hyst 1, t_hyst_s 10: after a switch nothing is evaluated for 10 s, even if the link fails.
+TEST_F(SlsTest, HysteresisGate) {
+    params_->n_hyst = 1;
+    params_->t_hyst_s = 10;
+    sls_->lastSwitchTime = gNow;
+    rec("wlan0")->speed = 40;
+    rec("rmnet_data0")->speed = 50;
+    gNow.tv_sec += 20;
+    EXPECT_STREQ("wlan0", sls_->calcInterface());
+    EXPECT_EQ(1, sls_->switchCount);
+    rec("wlan0")->speed = -1;
+    for (suseconds_t after : {0L, 5000000L, 9999999L}) {
+        struct timeval t = sls_->lastSwitchTime;
+        gNow = {t.tv_sec + after / 1000000, t.tv_usec + after % 1000000};
+        CaptureStderr();
+        EXPECT_STREQ("wlan0", sls_->calcInterface()) << after;
+        EXPECT_TRUE(messages(GetCapturedStderr()).empty()) << after;
+    }
+    gNow = {sls_->lastSwitchTime.tv_sec + 10, sls_->lastSwitchTime.tv_usec};
+    EXPECT_STREQ("rmnet_data0", sls_->calcInterface());
+}
+
+// The call's server, published by the kernel module as network-order decimals, becomes the
+// probe target once per call.
+TEST_F(SlsTest, VoipServerBecomesTheProbeTarget) {
+    struct Case {
+        const char* state;
+        bool voip;
+        const char* server;
+        int32_t port;
+    };
+    const Case cases[] = {
+            {"33554442,50195", false, DEFAULT_RTT_SERVER, 443},  // no call
+            {"garbage", true, DEFAULT_RTT_SERVER, 443},
+            {"33554442,0", true, DEFAULT_RTT_SERVER, 443},
+            {"4294967295,65535", true, "255.255.255.255", 65535},
+            {"33554442,50195", true, "255.255.255.255", 65535},  // taken once per call
+    };
+    for (const Case& c : cases) {
+        std::ofstream(root_ + "/proc/sla/sla_voip_state") << c.state;
+        params_->setVoipRunning(c.voip);
+        SmartLinkSelection::setVoipIpAddressAndPort();
+        std::string server;
+        int32_t port = 0;
+        params_->getRttTarget(&server, &port);
+        EXPECT_EQ(c.server, server) << c.state;
+        EXPECT_EQ(c.port, port) << c.state;
+    }
+    params_->setRttTarget(DEFAULT_RTT_SERVER, 443);
+    SmartLinkSelection::setVoipIpAddressAndPort();
+    EXPECT_EQ("10.0.0.2", params_->getGamingRttServer());
+    EXPECT_EQ(5060, params_->rttServerPort);
+}
+
+}  // namespace

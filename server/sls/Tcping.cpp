@@ -1,0 +1,158 @@
+/*
+ * The TCP probe: connect through one interface, ten small exchanges, read the kernel's RTT.
+ */
+#include "sls/Tcping.h"
+
+#include <android/log.h>
+#include <arpa/inet.h>
+#include <errno.h>
+#include <net/if.h>
+#include <netinet/tcp.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "parameters/Parameters.h"
+
+#define LOG_TAG "Mlbd-Tcping"
+#define LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, __VA_ARGS__)
+#define LOGE(...) __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, __VA_ARGS__)
+
+namespace {
+
+// Exchanges per probe, and the request and response buffer (28 characters and a zero are sent;
+// 30 bytes are awaited).
+constexpr int kExchanges = 10;
+constexpr int kBufferBytes = 30;
+// Send, connect and receive each give up after half a second.
+constexpr suseconds_t kTimeoutUs = 500000;
+
+void closeSocket(sls_tcping_info* info) {
+    if (info->sockfd >= 0) close(info->sockfd);
+    info->sockfd = -1;
+}
+
+}  // namespace
+
+int Tcping::updateTcpingRtt(sls_tcping_info* info) {
+    if (populateTcpingSocket(info) < 0) return -1;
+    return getTcpingRtt(info);
+}
+
+int Tcping::populateTcpingSocket(sls_tcping_info* info) {
+    const char* server = info->server != nullptr ? info->server : "";
+    // A target that cannot be reached by its nature is a miss with a clear line, not a
+    // connection attempt to the broadcast address or to port 0.
+    in_addr_t address = inet_addr(server);
+    if (address == INADDR_NONE || info->port == 0 || info->port > 0xFFFF) {
+        LOGE("populateTcpingSocket rtt server %s port %u is not an IPv4 address and port", server,
+             info->port);
+        return -1;
+    }
+
+    info->sockfd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (info->sockfd < 0) {
+        LOGE("create socket failed of client!\n");
+        return -1;
+    }
+    memset(&info->serverAddr, 0, sizeof(info->serverAddr));
+    info->serverAddr.sin_family = AF_INET;
+    info->serverAddr.sin_port = htons(static_cast<uint16_t>(info->port));
+    info->serverAddr.sin_addr.s_addr = address;
+
+    // The send time-out also bounds the connect.
+    struct timeval timeout = {0, kTimeoutUs};
+    setsockopt(info->sockfd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
+    if (setsockopt(info->sockfd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout)) != 0) {
+        LOGE("Set SocketTimeout failed.");
+        closeSocket(info);
+        return -1;
+    }
+    LOGD("populateTcpingSocket server is %s", server);
+    if (info->ifaceName == nullptr) return 0;
+
+    // The request carries at most 15 characters of the name.
+    struct ifreq request;
+    memset(&request, 0, sizeof(request));
+    strncpy(request.ifr_name, info->ifaceName, IFNAMSIZ - 1);
+    ioctl(info->sockfd, SIOCGIFINDEX, &request);
+    if (setsockopt(info->sockfd, SOL_SOCKET, SO_BINDTODEVICE, &request, sizeof(request)) != 0) {
+        LOGE("Set interface %s failed.", info->ifaceName);
+        closeSocket(info);
+        return -1;
+    }
+    return 0;
+}
+
+int Tcping::getTcpingRtt(sls_tcping_info* info) {
+    if (connect(info->sockfd, reinterpret_cast<const sockaddr*>(&info->serverAddr),
+                sizeof(info->serverAddr)) != 0) {
+        LOGE("connect failed of client!\n");
+        closeSocket(info);
+        return -1;
+    }
+    char buffer[kBufferBytes];
+    for (int i = 0; i < kExchanges; ++i) {
+        memset(buffer, 0, sizeof(buffer));
+        genRandomString(kBufferBytes, buffer);
+        // MSG_NOSIGNAL: a server that has closed the connection must not end the daemon.
+        if (send(info->sockfd, buffer, strlen(buffer), MSG_NOSIGNAL) < 0) {
+            LOGE("send data to server request failed %d\n", -1);
+            closeSocket(info);
+            return -1;
+        }
+        memset(buffer, 0, sizeof(buffer));
+        // A server that closed (0 bytes) is not a failure; silence past the time-out is.
+        if (recv(info->sockfd, buffer, sizeof(buffer), MSG_WAITALL) < 0) {
+            LOGE("recieve failed %d,error is %d", -1, errno);
+            closeSocket(info);
+            return -1;
+        }
+        memset(buffer, 0, sizeof(buffer));
+    }
+
+    struct tcp_info tcpInfo;
+    socklen_t length = sizeof(tcpInfo);
+    memset(&tcpInfo, 0, sizeof(tcpInfo));
+    if (getsockopt(info->sockfd, IPPROTO_TCP, TCP_INFO, &tcpInfo, &length) != 0) {
+        closeSocket(info);
+        return -1;
+    }
+    info->rtt = tcpInfo.tcpi_rtt / 1000;
+    closeSocket(info);
+
+    // During a call a weak Wi-Fi signal makes Wi-Fi look slower.
+    Parameters* params = Parameters::instance();
+    if (params->isVoipRunning() && info->ifaceName != nullptr &&
+        strncmp(info->ifaceName, "wlan", 4) == 0) {
+        info->rtt += static_cast<uint32_t>(params->wifiRttPenaltyMs.load());
+    }
+    LOGD("TCPing cacla rtt is %d,device is %s", static_cast<int>(info->rtt),
+         info->ifaceName != nullptr ? info->ifaceName : "");
+    return static_cast<int>(info->rtt);
+}
+
+void Tcping::genRandomString(int length, char* buffer) {
+    // Seeded from the microseconds of the time of day, as a private generator: probe threads of
+    // several interfaces call this at once.
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    unsigned int seed = static_cast<unsigned int>(now.tv_usec);
+    for (int i = 0; i < length - 2; ++i) {
+        switch (rand_r(&seed) % 3) {
+            case 0:
+                buffer[i] = static_cast<char>('A' + rand_r(&seed) % 26);
+                break;
+            case 1:
+                buffer[i] = static_cast<char>('a' + rand_r(&seed) % 26);
+                break;
+            default:
+                buffer[i] = static_cast<char>('0' + rand_r(&seed) % 10);
+                break;
+        }
+    }
+    if (length >= 1) buffer[length - 1] = '\0';
+}
