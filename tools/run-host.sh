@@ -1,10 +1,14 @@
 #!/usr/bin/env bash
 # Builds mlbd and runs it on this host, in the foreground, inside a private network namespace with
 # two virtual links named wlan0 and rmnet_data0. The host's own network configuration is never
-# touched. After RUN_SECONDS (default 8) it writes 2 to vendor.sla.enabled, waits for the daemon to
+# touched. After RUN_SECONDS (default 14) it writes 2 to vendor.sla.enabled, waits for the daemon to
 # shut its steering down, and ends it (the daemon itself parks for ever).
 # The SLA kernel module is played by build/tools/sla-standin (see its --help); UDP traffic from the
 # peer namespace, Wi-Fi first slow then fast, makes the daemon reprogram the split on the way.
+# The links are emulated (build/tools/link-emulator: Wi-Fi 20 ms, cellular 60 ms) with the RTT
+# probe server (build/tools/rtt-responder) behind them on 1.1.1.1:443, inside the peer namespace;
+# build/tools/sls-probe runs the daemon's link selection beside it, and halfway through Wi-Fi's
+# delay rises to 300 ms, so the choice moves from wlan0 to rmnet_data0.
 #
 #   tools/run-host.sh                 # build, prepare a sample MLBD_ROOT, run
 #   MLBD_ROOT=/tmp/x tools/run-host.sh
@@ -19,7 +23,8 @@ if [ "${1:-}" != "--inside" ]; then
     fi
     "$here/tools/install-deps.sh"
     cmake -S "$here" -B "$here/build" -G Ninja >/dev/null
-    cmake --build "$here/build" --target mlbd sla-standin >/dev/null
+    cmake --build "$here/build" --target mlbd sla-standin link-emulator rtt-responder sls-probe \
+        >/dev/null
 
     export MLBD_ROOT="${MLBD_ROOT:-$(mktemp -d /tmp/mlbd-root.XXXXXX)}"
     mkdir -p "$MLBD_ROOT/vendor/etc/sla" "$MLBD_ROOT/properties" "$MLBD_ROOT/dev/socket" \
@@ -43,34 +48,40 @@ ip link set lo up
 unshare --net -- sleep infinity &
 peer=$!
 cleanup() {
-    [ -n "${daemon:-}" ] && kill "$daemon" 2>/dev/null || true
-    [ -n "${standin:-}" ] && kill "$standin" 2>/dev/null || true
-    kill "$peer" 2>/dev/null || true
+    for pid in ${probe:-} ${daemon:-} ${standin:-} ${responder:-} ${emulator:-} "$peer"; do
+        kill "$pid" 2>/dev/null || true
+    done
 }
 trap cleanup EXIT
 sleep 0.2
 inpeer() { nsenter -t "$peer" -n -- "$@"; }
-
-ip link add wlan0 type veth peer name wlan0-net
-ip link add rmnet_data0 type veth peer name rmnet0-net
-ip link set wlan0-net netns "$peer"
-ip link set rmnet0-net netns "$peer"
-ip addr add 10.77.1.2/24 dev wlan0
-ip addr add 10.77.2.2/24 dev rmnet_data0
-ip link set wlan0 up
-ip link set rmnet_data0 up
 inpeer ip link set lo up
-inpeer ip addr add 10.77.1.1/24 dev wlan0-net
-inpeer ip addr add 10.77.2.1/24 dev rmnet0-net
-inpeer ip link set wlan0-net up
-inpeer ip link set rmnet0-net up
-ip route add default via 10.77.1.1 dev wlan0
+
+# The two links: TUN delay lines to the peer, Wi-Fi 20 ms and cellular 60 ms of round trip.
+export LINK_EMULATOR_SOCKET="$MLBD_ROOT/link-emulator.sock"
+"$here/build/tools/link-emulator" run --peer-netns "/proc/$peer/ns/net" \
+    --link wlan0:wlan0-net:delay=20ms --link rmnet_data0:rmnet0-net:delay=60ms \
+    >"$MLBD_ROOT/link-emulator.out" &
+emulator=$!
+for _ in $(seq 1 50); do
+    grep -q "link-emulator ready" "$MLBD_ROOT/link-emulator.out" 2>/dev/null && break
+    sleep 0.1
+done
+ip addr add 10.77.1.2 peer 10.77.1.1 dev wlan0
+ip addr add 10.77.2.2 peer 10.77.2.1 dev rmnet_data0
+inpeer ip addr add 10.77.1.1 peer 10.77.1.2 dev wlan0-net
+inpeer ip addr add 10.77.2.1 peer 10.77.2.2 dev rmnet0-net
+ip route add default dev wlan0 metric 10
+ip route add default dev rmnet_data0 metric 20
+# The default probe target, inside the peer: nothing leaves the machine.
+inpeer ip addr add 1.1.1.1/32 dev lo
+nsenter -t "$peer" -n -- "$here/build/tools/rtt-responder" --address 1.1.1.1 --port 443 &
+responder=$!
 # Routing tables named after the interfaces, as on the device; the ip wrapper maps each name to
 # a fixed table number, so these routes and the daemon's "table <iface>" rules meet. The daemon's
 # connection count reads this namespace's tracking table.
-"$MLBD_ROOT/system/bin/ip-wrapper-1.0" route add default via 10.77.1.1 dev wlan0 table wlan0
-"$MLBD_ROOT/system/bin/ip-wrapper-1.0" route add default via 10.77.2.1 dev rmnet_data0 \
-    table rmnet_data0
+"$MLBD_ROOT/system/bin/ip-wrapper-1.0" route add default dev wlan0 table wlan0
+"$MLBD_ROOT/system/bin/ip-wrapper-1.0" route add default dev rmnet_data0 table rmnet_data0
 ln -sf /proc/net/nf_conntrack "$MLBD_ROOT/proc/net/nf_conntrack"
 
 # The SLA kernel module's stand-in serves $MLBD_ROOT/proc/sla from this namespace's counters;
@@ -108,16 +119,22 @@ PY
 log="$MLBD_ROOT/mlbd.log"
 "$here/build/mlbd" 2> >(tee "$log" >&2) &
 daemon=$!
+# The daemon's link selection, on its own: speeds and choices once a second.
+"$here/build/tools/sls-probe" 2>"$MLBD_ROOT/sls-probe.log" &
+probe=$!
 
 # Traffic in two phases, so that the split changes: first Wi-Fi slower than the Wi-Fi threshold
 # (aggregation: cellular fills the shortfall), then Wi-Fi well above it (Wi-Fi only).
-run="${RUN_SECONDS:-8}"
+run="${RUN_SECONDS:-14}"
 half=$((run / 2))
 traffic 10.77.2.2 2000 "$run"
 traffic 10.77.1.2 600 "$half"
 sleep "$half"
 traffic 10.77.1.2 4000 "$((run - half))"
+echo "run-host.sh: raising Wi-Fi's delay to 300 ms" >&2
+"$here/build/tools/link-emulator" set wlan0 delay=300ms >/dev/null
 sleep "$((run - half))"
+kill "$probe" 2>/dev/null || true
 echo 2 >"$MLBD_ROOT/properties/vendor.sla.enabled"
 for _ in $(seq 1 100); do
     grep -q "Slm disabled, starting cleanup" "$log" && break
