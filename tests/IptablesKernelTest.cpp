@@ -10,13 +10,11 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
+#include <functional>
 #include <map>
-#include <regex>
 
 #include "iptables/IptablesManager.h"
-#include "parameters/Parameters.h"
 #include "parameters/ParametersTestPeer.h"
 #include "platform/Platform.h"
 #include "util/Netns.h"
@@ -31,26 +29,26 @@ constexpr uid_t kListed = 10001, kGaming = 10002, kUnlisted = 10003;
 // How a flow left, as flows() reports it.
 const std::string kWlanPlain = "from 10.77.1.2 mark=0", kWlanMarked = "from 10.77.1.2 mark=90",
                   kCellMarked = "from 10.77.2.2 mark=92";
+const sockaddr_in kServer = {AF_INET, htons(80), {htonl(0x0A630001)}, {}};  // 10.99.0.1:80
 
 Lines outputLines(const std::string& command) {
     Lines lines;
     FILE* p = popen(command.c_str(), "r");
     char buf[4096];
-    while (p != nullptr && fgets(buf, sizeof(buf), p) != nullptr) {
-        lines.emplace_back(buf, strcspn(buf, "\n"));
-    }
-    if (p != nullptr) pclose(p);
+    while (p && fgets(buf, sizeof(buf), p)) lines.emplace_back(buf, strcspn(buf, "\n"));
+    if (p) pclose(p);
     return lines;
 }
 
 // The tracked flows to the server, counted by "<proto> <dport> from <address> mark=<mark>"; the
 // address is the reply's destination, the one MASQUERADE gave the flow on its way out.
 Flows flows() {
-    static const std::regex flow(R"(^\S+ +\d+ +(\w+) .*? dport=(\d+) .*? dst=(\S+) .* (mark=\d+))");
     Flows out;
-    std::smatch m;
-    for (const std::string& line : outputLines("grep ' dst=10.99.0.1 ' /proc/net/nf_conntrack")) {
-        if (std::regex_search(line, m, flow)) ++out[m.format("$1 $2 from $3 $4")];
+    for (const std::string& line : outputLines(R"(awk '/ dst=10\.99\.0\.1 / { d = f = m = "";
+            for (i = 4; i <= NF; i++) if ($i ~ /^dport=/ && d == "") d = substr($i, 7);
+            else if ($i ~ /^dst=/ && d != "" && f == "") f = substr($i, 5); else if ($i ~ /^mark=/) m = $i;
+            print $3, d, "from", f, m }' /proc/net/nf_conntrack)")) {
+        ++out[line];
     }
     return out;
 }
@@ -70,14 +68,11 @@ pid_t forkAs(uid_t uid, const std::function<int()>& fn) {
     return pid;
 }
 
-sockaddr_in serverAddress(uint16_t port) {
-    return {AF_INET, htons(port), {htonl(0x0A630001)}, {}};  // 10.99.0.1
-}
-
 // A socket connected to the server's `port` (for UDP: after sending one datagram), or -1.
 int connectTo(int type, uint16_t port) {
     const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
-    const sockaddr_in sa = serverAddress(port);
+    sockaddr_in sa = kServer;
+    sa.sin_port = htons(port);
     if (connect(fd, reinterpret_cast<const sockaddr*>(&sa), sizeof(sa)) == 0 &&
         (type == SOCK_STREAM || send(fd, "u", 1, 0) == 1)) {
         return fd;
@@ -95,51 +90,45 @@ class IptablesKernelTest : public ::testing::Test {
         mlbd::initLogging();
         char pattern[] = "/tmp/mlbd-ipt-kernel.XXXXXX";
         ASSERT_NE(nullptr, mkdtemp(pattern));
-        root_ = pattern;
-        setenv("MLBD_ROOT", root_.c_str(), 1);
-        ASSERT_EQ(0, Netns::run("cd " + root_ +
-                                " && mkdir -p system/bin proc/net properties && ln -s " +
-                                MLBD_SOURCE_DIR
-                                "/tools/host/*-wrapper-1.0 system/bin/ && "
-                                "ln -s /proc/net/nf_conntrack proc/net/ && "
-                                "echo wlan0,rmnet_data0 > properties/vendor.sla.ifaces && "
-                                "echo 1 > properties/vendor.sla.mode"));
+        setenv("MLBD_ROOT", (root_ = pattern).c_str(), 1);
         ASSERT_TRUE(net_.startPeer());
         ASSERT_TRUE(net_.addVeth("wlan0", "wlan0-net", "10.77.1.2/24", "10.77.1.1/24"));
         ASSERT_TRUE(net_.addVeth("rmnet_data0", "rmnet0-net", "10.77.2.2/24", "10.77.2.1/24"));
         ASSERT_EQ(0, net_.runInPeer("ip addr add 10.99.0.1/32 dev lo"));
-        // Replies to a rerouted flow come back on another link than the main table's route; a
-        // connection that gets no answer fails after 3 s.
-        const std::string ipw =
-                " && " + root_ + "/system/bin/ip-wrapper-1.0 route add default via ";
-        ASSERT_EQ(0,
-                  Netns::run("sysctl -qw net.ipv4.tcp_syn_retries=1 net.ipv4.conf.all.rp_filter=0 "
-                             "net.ipv4.conf.wlan0.rp_filter=0 net.ipv4.conf.rmnet_data0.rp_filter=0"
-                             " && ip route add 10.99.0.0/24 via 10.77.1.1 dev wlan0" +
-                             ipw + "10.77.1.1 dev wlan0 table wlan0" + ipw +
-                             "10.77.2.1 dev rmnet_data0 table rmnet_data0"));
+        // The host front-ends, wlan0 and a metered rmnet_data0. Replies to a rerouted flow come
+        // back on another link than the main table's route; a connection that gets no answer
+        // fails after 3 s. Each interface's table routes over its own link.
+        const std::string route = " && system/bin/ip-wrapper-1.0 route add default via ";
+        const std::string script =
+                "cd " + root_ + " && mkdir -p system/bin proc/net properties && ln -s " +
+                MLBD_SOURCE_DIR
+                "/tools/host/*-wrapper-1.0 system/bin/ && ln -s "
+                "/proc/net/nf_conntrack proc/net/ && echo wlan0,rmnet_data0 > "
+                "properties/vendor.sla.ifaces && echo 1 > properties/vendor.sla.mode && sysctl -qw "
+                "net.ipv4.tcp_syn_retries=1 net.ipv4.conf.all.rp_filter=0 "
+                "net.ipv4.conf.wlan0.rp_filter=0 net.ipv4.conf.rmnet_data0.rp_filter=0 && ip route "
+                "add 10.99.0.0/24 via 10.77.1.1 dev wlan0" +
+                route + "10.77.1.1 dev wlan0 table wlan0" + route +
+                "10.77.2.1 dev rmnet_data0 table rmnet_data0";
+        ASSERT_EQ(0, Netns::run(script));
         // The server: a socket listening on port 80 in the peer, never accepted from; the peer's
         // kernel completes the connections, queues them and acknowledges their data.
         server_ = net_.socketInPeer(AF_INET, SOCK_STREAM);
-        const sockaddr_in sa = serverAddress(80);
-        ASSERT_EQ(0, bind(server_, reinterpret_cast<const sockaddr*>(&sa), sizeof(sa)));
+        ASSERT_EQ(0, bind(server_, reinterpret_cast<const sockaddr*>(&kServer), sizeof(kServer)));
         ASSERT_EQ(0, listen(server_, 4096));
-
-        params_ = Parameters::instance();
-        ASSERT_EQ(2u, ParametersTestPeer::interfaces(params_).size());
-        ASSERT_TRUE(ParametersTestPeer::interfaces(params_).at("rmnet_data0")->metered);
-        ParametersTestPeer::uidWhitelist(params_) = {std::to_string(kListed)};
-        ParametersTestPeer::gamingUidList(params_) = {std::to_string(kGaming)};
+        Parameters* params = Parameters::instance();
+        ASSERT_TRUE(params->interfaces().size() == 2 &&
+                    params->findInterface("rmnet_data0")->metered);
+        ParametersTestPeer::uidWhitelist(params) = {std::to_string(kListed)};
+        ParametersTestPeer::gamingUidList(params) = {std::to_string(kGaming)};
         mgr_ = IptablesManager::instance();  // start-up as the daemon does it
         ASSERT_EQ(0, mgr_->setup_SLM_iptables_FWMARK_chains());
     }
-
     void TearDown() override {
         if (server_ >= 0) close(server_);
         if (mgr_ != nullptr) IptablesManager::clean_SLM_iptables();
         if (!root_.empty()) Netns::run("rm -rf " + root_);
     }
-
     void setRatios(float wlan, float cell) {
         linkStatsWrapper_t w, c;
         snprintf(w.interfaceName, sizeof(w.interfaceName), "wlan0");
@@ -152,7 +141,6 @@ class IptablesKernelTest : public ::testing::Test {
 
     Netns net_;
     std::string root_;
-    Parameters* params_ = nullptr;
     IptablesManager* mgr_ = nullptr;
     int server_ = -1;
 };
@@ -164,30 +152,20 @@ TEST_F(IptablesKernelTest, RestartProgramsEachRuleOnceAndShutDownRemovesAll) {
     EXPECT_EQ(0, restarted->setup_SLM_iptables_FWMARK_chains());
     const std::string save = " -j CONNMARK --save-mark --nfmask 0xffffffff --ctmask 0xffffffff";
     const Lines expected = {
-            ":vexa_SLA - [0:0]",
-            ":vexa_SLM - [0:0]",
-            ":vexa_SLM_wapper - [0:0]",
-            ":vexa_SLS - [0:0]",
-            ":vexa_fw_rmnet_data0 - [0:0]",
-            ":vexa_fw_rmnet_data0_wrapper - [0:0]",
-            ":vexa_fw_wlan0 - [0:0]",
-            "-A OUTPUT -j vexa_SLM_wapper",
-            "-A vexa_SLM -j vexa_SLS",
+            ":vexa_SLA - [0:0]", ":vexa_SLM - [0:0]", ":vexa_SLM_wapper - [0:0]",
+            ":vexa_SLS - [0:0]", ":vexa_fw_rmnet_data0 - [0:0]",
+            ":vexa_fw_rmnet_data0_wrapper - [0:0]", ":vexa_fw_wlan0 - [0:0]",
+            "-A OUTPUT -j vexa_SLM_wapper", "-A vexa_SLM -j vexa_SLS",
             "-A vexa_SLM -m state --state RELATED,ESTABLISHED -j CONNMARK --restore-mark --nfmask "
             "0xffffffff --ctmask 0xffffffff",
-            "-A vexa_SLM -j vexa_SLA",
-            "-A vexa_fw_rmnet_data0 -j MARK --set-xmark 0x5c/0xffffffff",
-            "-A vexa_fw_rmnet_data0" + save,
-            "-A vexa_fw_rmnet_data0 -j ACCEPT",
-            "-A vexa_fw_wlan0 -j MARK --set-xmark 0x5a/0xffffffff",
-            "-A vexa_fw_wlan0" + save,
-            "-A vexa_fw_wlan0 -j ACCEPT",
-            ":vexa_nat_POSTROUTING_SLM - [0:0]",
+            "-A vexa_SLM -j vexa_SLA", "-A vexa_fw_rmnet_data0 -j MARK --set-xmark 0x5c/0xffffffff",
+            "-A vexa_fw_rmnet_data0" + save, "-A vexa_fw_rmnet_data0 -j ACCEPT",
+            "-A vexa_fw_wlan0 -j MARK --set-xmark 0x5a/0xffffffff", "-A vexa_fw_wlan0" + save,
+            "-A vexa_fw_wlan0 -j ACCEPT", ":vexa_nat_POSTROUTING_SLM - [0:0]",
             "-A POSTROUTING -j vexa_nat_POSTROUTING_SLM",
             // The last interface created (wlan0, by name order) comes first.
             "-A vexa_nat_POSTROUTING_SLM -o wlan0 -j MASQUERADE",
-            "-A vexa_nat_POSTROUTING_SLM -o rmnet_data0 -j MASQUERADE",
-    };
+            "-A vexa_nat_POSTROUTING_SLM -o rmnet_data0 -j MASQUERADE"};
     EXPECT_EQ(expected, savedRules());
     // One routing rule per mark, into the table named after the interface (the kernel refuses
     // the second run's identical rule).

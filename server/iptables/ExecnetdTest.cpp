@@ -9,7 +9,6 @@
 #include <sstream>
 
 #include "iptables/execnetd.h"
-#include "platform/Platform.h"
 
 namespace {
 
@@ -22,14 +21,8 @@ TEST(ExecnetdTest, ArgumentsAreSplitAtBlanksAndNeverReachAShell) {
     ASSERT_EQ(0, chmod((dir + "/show-args").c_str(), 0755));
     const std::string cmd = dir + "/show-args   -w\t-t  mangle 'a b' \"q\" ;touch " + pwned +
                             " $(touch " + pwned + ") `touch " + pwned + "` | >" + pwned + " &&  ";
-    std::stringstream args;
-    {
-        mlbd::ScopedCommandRecorder recorder;  // the test seam records and runs nothing
-        EXPECT_EQ(0, execnetd(cmd.c_str()));
-        EXPECT_EQ(std::vector<std::string>{cmd}, recorder.lines());
-        EXPECT_NE(0, access((dir + "/args").c_str(), F_OK));
-    }
     EXPECT_EQ(0, execnetd(cmd.c_str()));
+    std::stringstream args;
     args << std::ifstream(dir + "/args").rdbuf();
     EXPECT_EQ("-w\n-t\nmangle\n'a\nb'\n\"q\"\n;touch\n" + pwned + "\n$(touch\n" + pwned +
                       ")\n`touch\n" + pwned + "`\n|\n>" + pwned + "\n&&\n",
@@ -39,7 +32,6 @@ TEST(ExecnetdTest, ArgumentsAreSplitAtBlanksAndNeverReachAShell) {
 }
 
 TEST(ExecnetdTest, OnlyAProcessThatCannotBeCreatedFails) {
-    mlbd::initLogging();
     testing::internal::CaptureStderr();
     alarm(20);  // output that is not drained would hang here
     // Failing, missing, not executable, not on the path, nothing at all: started, as by a shell.
@@ -61,13 +53,8 @@ TEST(ExecnetdTest, OnlyAProcessThatCannotBeCreatedFails) {
     EXPECT_EQ(-1, execnetd("/bin/true"));
     for (int fd : fds) close(fd);
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved));
-    const std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_NE(
-            std::string::npos,
-            log.find("D Mlbd-iptablesManager: SEND SLA NDC COMMAND - PASS  /no/such/program -w\n"));
-    EXPECT_NE(std::string::npos,
-              log.find("E Mlbd-iptablesManager: SEND SLA NDC COMMAND - FAIL  /bin/true \n"));
-    EXPECT_EQ(std::string::npos, log.find("no-such-dir-for-execnetd:")) << log;
+    EXPECT_EQ(std::string::npos,
+              testing::internal::GetCapturedStderr().find("no-such-dir-for-execnetd:"));
     errno = 0;
     EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));  // every child was reaped
     EXPECT_EQ(ECHILD, errno);

@@ -1,9 +1,6 @@
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
-#include <string>
 #include <vector>
 
 #include "platform/Platform.h"
@@ -29,10 +26,9 @@ class SlaStatsDataTest : public ::testing::Test {
     void SetUp() override {
         setenv("MLBD_ROOT", "/nonexistent/mlbd-root", 1);
         params = Parameters::instance();
-        mlbd::initLogging();
     }
-    unsigned estimate(unsigned* count, bool isWlan = true) {
-        return SlaStatsData(ring.data(), isWlan).linkRateEstimate(count);
+    unsigned estimate(unsigned* count) {
+        return SlaStatsData(ring.data(), true).linkRateEstimate(count);
     }
 
     Parameters* params = nullptr;
@@ -42,22 +38,17 @@ class SlaStatsDataTest : public ::testing::Test {
 
 // fillIntervals() arguments, with the newest record's age in ms.
 struct Fill {
-    uint32_t newestSlot, ageMs;
-    int count;
-    uint32_t intervalMs, bytes;
+    uint32_t newestSlot, ageMs, count, intervalMs, bytes;
 };
 // One record in the slot after the previous one, with its age in ms.
 struct Rec {
-    uint32_t ageMs, bytes;
-    uint8_t kind, flags = 0;
+    uint32_t ageMs, bytes, kind, flags = 0;
 };
 struct WalkCase {
     std::vector<Fill> fills;
     uint32_t firstSlot;  // of recs
     std::vector<Rec> recs;
-    uint32_t writeIndex;
-    unsigned rate, count;
-    uint32_t window = 500, rateWindow = 50, magic = kMagic;
+    uint32_t writeIndex, rate, count, window = 500, rateWindow = 50, magic = kMagic;
 };
 
 // Ages are relative to the time of the estimate.
@@ -68,16 +59,12 @@ const WalkCase kWalks[] = {
         {{{6, 10, 5, 100, 10240}}, 0, {}, 6, 0, 99, 500, 50, 0x12345678},
         // writeIndex beyond the ring: no estimate, and nothing outside the file is read.
         {{{6, 10, 5, 100, 10240}}, 0, {}, 1280, 0, 0},
-        {{{6, 10, 5, 100, 10240}}, 0, {}, 0xFFFFFFFF, 0, 0},
         // Newest in slot 2: the walk goes 2, 1, 1279, 1278...; the header is no record.
         {{{2, 10, 5, 100, 25600}}, 0, {}, 2, 2000, 5},
         // writeIndex 0 is slot 1279.
         {{{1279, 10, 5, 100, 10240}}, 0, {}, 0, 800, 5},
-        // Stale: 1600 ms old, and 1500 ms old too, since "now" is taken one ms ahead.
-        {{{6, 1600, 5, 100, 10240}}, 0, {}, 6, 0, 0},
+        // Stale at 1500 ms old, since "now" is taken one ms ahead.
         {{{6, 1500, 5, 100, 10240}}, 0, {}, 6, 0, 0},
-        // Closes 1300 and 1400 ms old are fresh, the one at 1500 ms ends the walk.
-        {{{20, 1300, 5, 100, 10240}}, 0, {}, 20, kbps(2 * 10240, 200), 2},
         // A close with no written slot before it; a newest slot never written.
         {{}, 5, {{10, 5000, 2}}, 5, 0, 0},
         {{}, 0, {}, 7, 0, 0},
@@ -110,10 +97,8 @@ const WalkCase kWalks[] = {
 };
 
 TEST_F(SlaStatsDataTest, BackwardWalk) {
-    testing::internal::CaptureStderr();
-    for (size_t i = 0; i < sizeof(kWalks) / sizeof(kWalks[0]); ++i) {
-        const WalkCase& c = kWalks[i];
-        SCOPED_TRACE("case " + std::to_string(i));
+    for (const WalkCase& c : kWalks) {
+        SCOPED_TRACE(&c - kWalks);
         const uint64_t now = slatest::wallMs();
         memset(ring.data(), 0, kFileBytes);
         for (const Fill& f : c.fills) {
@@ -129,15 +114,6 @@ TEST_F(SlaStatsDataTest, BackwardWalk) {
         EXPECT_EQ(count, c.count);
         EXPECT_EQ(estimate(nullptr), c.rate);
     }
-    const std::string log = testing::internal::GetCapturedStderr();
-    for (const char* line :
-         {"E Mlbd-SlaStatsData: SLA stat colletct is not ready", "WLAN:Index(1279) out of bound!",
-          "WLAN:Index(4294967294) out of bound!"}) {
-        EXPECT_NE(log.find(line), std::string::npos) << log;
-    }
-}
-
-TEST_F(SlaStatsDataTest, HostileRings) {
     // Intermediate records in every slot but the newest: the search for a start ends after one
     // turn of the ring. All bytes 0xFF: no estimate either.
     unsigned count = 42;
@@ -162,11 +138,10 @@ TEST_F(SlaStatsDataTest, HistoryKeepsRecentMaximum) {
                                  {5, 30, 50, 5},   {2, 1, 50, 5},    {~0u, 9, 9, 5}};
     SlaStatsImpl* impl = SlaStatsImpl::instance();
     linkHistory_t h;
-    for (size_t i = 0; i < sizeof(steps) / sizeof(steps[0]); ++i) {
-        SCOPED_TRACE("step " + std::to_string(i));
-        params->bestEstCacheSize = static_cast<int32_t>(steps[i][0]);
-        EXPECT_EQ(impl->getMaxLinkRateFromHistory(h, steps[i][1], params), steps[i][2]);
-        EXPECT_EQ(h.rates.size(), steps[i][3]);
+    for (const auto& step : steps) {
+        params->bestEstCacheSize = static_cast<int32_t>(step[0]);
+        EXPECT_EQ(impl->getMaxLinkRateFromHistory(h, step[1], params), step[2]) << &step - steps;
+        EXPECT_EQ(h.rates.size(), step[3]) << &step - steps;
     }
     SlaStatsImpl::finalize();
 }

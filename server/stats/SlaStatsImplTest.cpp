@@ -1,10 +1,7 @@
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 
 #include <fstream>
-#include <string>
-#include <vector>
 
 #include "iptables/execnetd.h"
 #include "parameters/ParametersTestPeer.h"
@@ -22,8 +19,7 @@ class SlaStatsImplTest : public ::testing::Test {
     void SetUp() override {
         char tmpl[] = "/tmp/mlbd-statsimpl-XXXXXX";
         ASSERT_NE(mkdtemp(tmpl), nullptr);
-        root = tmpl;
-        setenv("MLBD_ROOT", tmpl, 1);
+        setenv("MLBD_ROOT", (root = tmpl).c_str(), 1);
         ASSERT_EQ(system(("mkdir -p " + root + "/proc/sla " + root + "/properties").c_str()), 0);
         std::ofstream(root + "/properties/vendor.sla.mode") << "1";
         std::ofstream(root + "/properties/vendor.sla.ifaces") << "wlan0,rmnet_data0";
@@ -57,78 +53,63 @@ TEST_F(SlaStatsImplTest, ControlFileAndMappingFailures) {
     // and after three tries the wrapper stays without statistics.
     std::ofstream(sla("wlan0_mmap")) << std::string(100, 'x');
     writeRing("rmnet_data0", 6, 5, 10240);
-    testing::internal::CaptureStderr();
     EXPECT_FALSE(impl->initMmap());
-    const std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_NE(log.find("E Mlbd-SlaStatsImpl: mmap file " + sla("wlan0_mmap") + " too short"),
-              std::string::npos)
-            << log;
     EXPECT_EQ(impl->statsMap.at("wlan0")->stats, nullptr);
     EXPECT_NE(impl->statsMap.at("rmnet_data0")->stats, nullptr);
 }
 
-// Rates, ratios before and ratios expected, for wlan0, wlan1 and rmnet_data0 in this order. A
-// negative rate leaves the interface out; with wlan1 there are two Wi-Fi links among three
-// interfaces, so the Wi-Fi threshold 1600 acts as 3200.
-struct RatioCase {
-    int process;
-    int rates[3];
-    float old[3], expected[3];
-    int minChange, dualWlanOneIdle;
-    bool rebuild;
-};
-constexpr int kOnly = SLA_CALC_WIFI_ONLY;
-constexpr int kAggr = SLA_CALC_AGGREGATE;
-const RatioCase kRatios[] = {
-        // Wi-Fi 2000 above 1600: Wi-Fi alone (remaining 1 - 1 - 1.5 leaves cellular nothing).
-        {kOnly, {2000, -1, 3000}, {0, 0, 0}, {1, 0, 0}, 2, 0, true},
-        // Wi-Fi 800 below 1600: Wi-Fi 0.5, cellular fills the shortfall.
-        {kAggr, {800, -1, 2000}, {0, 0, 0}, {0.5, 0, 0.5}, 2, 0, true},
-        // 0.5/0.5 to 0.25/0.75 moves a quarter of the connections: rebuilt with 20 %, not 25 %
-        // (strictly greater); the ratios are written either way.
-        {kAggr, {400, -1, 2000}, {0.5, 0, 0.5}, {0.25, 0, 0.75}, 25, 0, false},
-        {kAggr, {400, -1, 2000}, {0.5, 0, 0.5}, {0.25, 0, 0.75}, 20, 0, true},
-        // A link without a rate takes what is left.
-        {kAggr, {400, -1, 0}, {0, 0, 0}, {0.25, 0, 0.75}, 2, 0, true},
-        // No rate anywhere: the Wi-Fi links share everything, cellular gets nothing.
-        {kAggr, {0, 0, 0}, {0, 0, 0}, {0.5, 0.5, 0}, 2, 0, true},
-        // Two Wi-Fi links: 800 / 3200 each, cellular the other half.
-        {kAggr, {800, 800, 1000}, {0, 0, 0}, {0.25, 0.25, 0.5}, 2, 0, true},
-        // One of two Wi-Fi links idle: half each, cellular nothing, whatever was computed.
-        {kAggr, {800, 0, 1000}, {0.5, 0.5, 0}, {0.5, 0.5, 0}, 2, 1, false},
-        // Wi-Fi only with a Wi-Fi link without rate: cellular's 1.5 enters the sums, nothing left.
-        {kOnly, {2000, 0, 3000}, {0, 0.3f, 0.2f}, {1, 0, 0}, 2, 0, true},
-        // An unknown process value changes nothing.
-        {7, {2000, -1, 3000}, {0.7f, 0, 0.2f}, {0.7f, 0, 0.2f}, 2, 0, false},
-};
-
 TEST_F(SlaStatsImplTest, RatioCasesAndRebuildDecision) {
+    constexpr int kOnly = SLA_CALC_WIFI_ONLY, kAggr = SLA_CALC_AGGREGATE;
+    // Rates, ratios before and ratios expected, for wlan0, wlan1 and rmnet_data0 in this order.
+    // A negative rate leaves the interface out; with wlan1 there are two Wi-Fi links among three
+    // interfaces, so the Wi-Fi threshold 1600 acts as 3200.
+    const struct {
+        int process, rates[3];
+        float old[3], expected[3];
+        int minChange, dualWlanOneIdle;
+        bool rebuild;
+    } cases[] = {
+            // Wi-Fi 2000 above 1600: Wi-Fi alone (remaining 1 - 1 - 1.5 leaves cellular nothing).
+            {kOnly, {2000, -1, 3000}, {0, 0, 0}, {1, 0, 0}, 2, 0, true},
+            // Wi-Fi 800 below 1600: Wi-Fi 0.5, cellular fills the shortfall.
+            {kAggr, {800, -1, 2000}, {0, 0, 0}, {0.5, 0, 0.5}, 2, 0, true},
+            // 0.5/0.5 to 0.25/0.75 moves a quarter of the connections: rebuilt with 20 %, not
+            // 25 % (strictly greater); the ratios are written either way.
+            {kAggr, {400, -1, 2000}, {0.5, 0, 0.5}, {0.25, 0, 0.75}, 25, 0, false},
+            {kAggr, {400, -1, 2000}, {0.5, 0, 0.5}, {0.25, 0, 0.75}, 20, 0, true},
+            // A link without a rate takes what is left.
+            {kAggr, {400, -1, 0}, {0, 0, 0}, {0.25, 0, 0.75}, 2, 0, true},
+            // No rate anywhere: the Wi-Fi links share everything, cellular gets nothing.
+            {kAggr, {0, 0, 0}, {0, 0, 0}, {0.5, 0.5, 0}, 2, 0, true},
+            // Two Wi-Fi links: 800 / 3200 each, cellular the other half.
+            {kAggr, {800, 800, 1000}, {0, 0, 0}, {0.25, 0.25, 0.5}, 2, 0, true},
+            // One of two Wi-Fi links idle: half each, cellular nothing, whatever was computed.
+            {kAggr, {800, 0, 1000}, {0.5, 0.5, 0}, {0.5, 0.5, 0}, 2, 1, false},
+            // Wi-Fi only, a Wi-Fi link without rate: cellular's 1.5 enters the sums, nothing left.
+            {kOnly, {2000, 0, 3000}, {0, 0.3f, 0.2f}, {1, 0, 0}, 2, 0, true},
+    };
     SlaStatsImpl* impl = SlaStatsImpl::instance();
     Parameters* params = Parameters::instance();
     auto& ifaces = ParametersTestPeer::interfaces(params);
     ifaces["wlan1"] = new InterfaceInfo_t(*ifaces["wlan0"]);
     const char* names[] = {"wlan0", "wlan1", "rmnet_data0"};
-    for (size_t i = 0; i < sizeof(kRatios) / sizeof(kRatios[0]); ++i) {
-        const RatioCase& c = kRatios[i];
-        SCOPED_TRACE("case " + std::to_string(i));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
         impl->freeMmap();
         unsigned sums[2] = {0, 0};  // Wi-Fi, cellular
         linkStatsWrapper_t* w[3] = {};
         for (int k = 0; k < 3; ++k) {
             if (c.rates[k] < 0) continue;
             w[k] = impl->statsMap[names[k]] = new linkStatsWrapper_t();
-            w[k]->linkRate = static_cast<uint32_t>(c.rates[k]);
+            sums[k == 2] += w[k]->linkRate = static_cast<uint32_t>(c.rates[k]);
             w[k]->interfaceRatio = c.old[k];
-            sums[k == 2] += w[k]->linkRate;
         }
         params->wifiIfaceCount = c.rates[1] < 0 ? 1 : 2;
         params->num_interfaces = params->wifiIfaceCount + 1;
         params->minRatioChange = c.minChange;
         const auto process = static_cast<SLA_ratio_calc_process>(c.process);
         EXPECT_EQ(impl->calcSlaRatios(process, sums[1], sums[0], c.dualWlanOneIdle), c.rebuild);
-        std::vector<float> ratios;  // an absent interface counts as 0
-        for (linkStatsWrapper_t* made : w) ratios.push_back(made ? made->interfaceRatio : 0);
-        EXPECT_EQ(ratios, std::vector<float>(c.expected, c.expected + 3));
+        for (int k = 0; k < 3; ++k) EXPECT_EQ(w[k] ? w[k]->interfaceRatio : 0, c.expected[k]) << k;
     }
 }
 
@@ -168,12 +149,8 @@ TEST_F(SlaStatsImplTest, VoipStateFile) {
     } cases[] = {
             {nullptr, "|", -1},  // no file
             {"10.0.0.2,5060", "10.0.0.2|5060", 13},
-            {"10.0.0.2:5060", "|", 13},
-            {"10.0.0.2,5060\n", "10.0.0.2|5060\n", 14},
             {"2001:db8:0:0:0:0:0:1,5060", "2001:db8:0:0:0:0:0:1|", 21},
             {"2001:db8:0:0:0:0:0:12,5060", "|", 21},
-            {",1", "|1", 2},
-            {"", "|", 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.content != nullptr ? c.content : "no file");

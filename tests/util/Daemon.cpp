@@ -4,11 +4,37 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <fstream>
+#include <iterator>
+#include <thread>
+
 namespace mlbd {
 namespace test {
+
+std::string makeRoot(const std::string& conf) {
+    char tmpl[] = "/tmp/mlbd-daemon-XXXXXX";
+    if (mkdtemp(tmpl) == nullptr) return "";
+    const std::string root = tmpl;
+    if (system(("cd " + root + " && mkdir -p properties vendor/etc/sla system/bin proc/sla " +
+                "proc/net dev/socket")
+                       .c_str()) != 0) {
+        return "";
+    }
+    std::ofstream(root + "/vendor/etc/sla/mlbd.conf") << conf;
+    std::ofstream(root + "/properties/vendor.sla.ifaces") << "wlan0,rmnet_data0";
+    std::ofstream(root + "/properties/vendor.sla.mode") << "1";
+    std::ofstream(root + "/properties/vendor.sla.enabled") << "1";
+    for (const char* tool : {"/system/bin/iptables-wrapper-1.0", "/system/bin/ip-wrapper-1.0"}) {
+        std::ofstream(root + tool) << "#!/bin/sh\necho \"$*\" >>" << root << "/commands.log\n";
+        if (chmod((root + tool).c_str(), 0755) != 0) return "";
+    }
+    return root;
+}
 
 pid_t startDaemon(const std::string& root, const std::string& logPath) {
     prctl(PR_SET_CHILD_SUBREAPER, 1);
@@ -32,6 +58,19 @@ void stopDaemon(pid_t pid) {
     // Every process of the group is now dying; orphans have been handed to this process.
     while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
     }
+}
+
+std::string slurp(const std::string& path) {
+    return std::string(std::istreambuf_iterator<char>(std::ifstream(path).rdbuf()), {});
+}
+
+bool waitFor(const std::function<bool()>& done, int ms) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
 }
 
 }  // namespace test

@@ -9,10 +9,16 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 
 namespace mlbd {
 namespace test {
+
+// A fresh MLBD_ROOT under /tmp with the daemon's folders, `conf` as configuration file, wlan0 and
+// a metered rmnet_data0 enabled, and front-ends that append their arguments to
+// <root>/commands.log instead of running anything. "" when it could not be made.
+std::string makeRoot(const std::string& conf);
 
 // Runs the freshly built daemon with MLBD_ROOT=root and its stderr going to logPath (truncated).
 // Returns its pid, or -1 when it could not be started.
@@ -20,6 +26,12 @@ pid_t startDaemon(const std::string& root, const std::string& logPath);
 
 // Kills the daemon started by startDaemon() and every process it started, and reaps them all.
 void stopDaemon(pid_t pid);
+
+// The content of a file ("" when it cannot be read).
+std::string slurp(const std::string& path);
+
+// Polls `done` every 20 ms for up to `ms` milliseconds; false when it never held.
+bool waitFor(const std::function<bool()>& done, int ms);
 
 }  // namespace test
 }  // namespace mlbd

@@ -35,10 +35,6 @@ Bytes raw(const T& value) {
     return Bytes(p, p + sizeof(value));
 }
 
-inline Bytes text(const char* s) {
-    return Bytes(s, s + strlen(s) + 1);
-}
-
 // An attribute: header length (by default 4 + payload), type, payload, then zero padding up to a
 // multiple of 4.
 inline Bytes attr(uint16_t type, const Bytes& payload, int length = -1) {

@@ -1,11 +1,8 @@
-#include <errno.h>
 #include <gtest/gtest.h>
 #include <linux/genetlink.h>
 #include <net/if.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 
 #include "platform/Platform.h"
@@ -14,8 +11,6 @@
 
 using namespace android::wificond;
 using namespace netlink_test;
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
 
 namespace {
 
@@ -30,32 +25,29 @@ Bytes signal(int8_t dbm) {
     return attr(7, {static_cast<uint8_t>(dbm)});
 }
 
-const Bytes kDone = message(NLMSG_DONE, 0, 1, 0, le(0));
-
 // The client with its members open to the test.
-class TestNetlink : public NetlinkUtils {
-  public:
-    using NetlinkUtils::interfaceIndex, NetlinkUtils::messageHandlers, NetlinkUtils::messageTypes,
-            NetlinkUtils::netlinkFd, NetlinkUtils::sequenceNumber, NetlinkUtils::stationMac;
+struct TestNetlink : NetlinkUtils {
+    using NetlinkUtils::messageHandlers, NetlinkUtils::messageTypes, NetlinkUtils::netlinkFd,
+            NetlinkUtils::sequenceNumber;
 };
 
 TEST(NetlinkUtilsTest, StationQueryAgainstFakePeer) {
     mlbd::initLogging();
+    const Bytes kDone = message(NLMSG_DONE, 0, 1, 0, le(0));
     Bytes invalid = station(0, signal(-3));
     invalid[0] += 4;
-    // The datagrams the peer has queued when the query starts.
+    // The datagrams the peer has queued when the query starts, the signal read and a log line
+    // of the path taken.
     const struct {
         std::vector<Bytes> replies;
         int32_t dbm;
         std::vector<const char*> logs;
     } cases[] = {
-            {{station(0, signal(-58))}, -58, {"D slm-netlink: interface_index is 0"}},
+            {{station(0, signal(-58))}, -58, {}},
             {{station(0, attr(1, le(9)))}, 0, {"Failed to get NL80211_STA_INFO_SIGNAL"}},
             {{message(kFamily, 0, 1, 19, {})}, 0, {"Failed to get NL80211_ATTR_STA_INFO"}},
             // The kernel's error: its first error byte is read as the command.
-            {{message(NLMSG_ERROR, 0, 1, 0, le(-ENOENT) + Bytes(16))},
-             0,
-             {"Wrong command in response to a get station request: 254"}},
+            {{message(NLMSG_ERROR, 0, 1, 0, le(-ENOENT) + Bytes(16))}, 0, {"request: 254"}},
             // Multi-part over three reads: the first part is the answer.
             {{station(NLM_F_MULTI, signal(-40)), station(NLM_F_MULTI, signal(-41)), kDone},
              -40,
@@ -70,15 +62,15 @@ TEST(NetlinkUtilsTest, StationQueryAgainstFakePeer) {
             // A bare DONE ends the wait with no reply to read.
             {{kDone}, 0, {"E slm-netlink: NL80211_CMD_GET_STATION failed"}},
             // No reply at all: about one second, then a failure.
-            {{},
-             0,
-             {"E slm-netlink: Failed to poll netlink fd: time out \n",
-              "NL80211_CMD_GET_STATION failed"}},
+            {{}, 0, {"E slm-netlink: Failed to poll netlink fd: time out \n"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
         TestNetlink nl;
         nl.messageTypes["nl80211"] = MessageType(kFamily);
+        nl.sequenceNumber = 0xffffffff;  // the next one is 1: 0 is never used
+        // Two hex digits per byte from the start, missing ones 0.
+        nl.SetStationInfo("0A0b0C0", "lo");
         int sv[2];
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, sv), 0);
         nl.netlinkFd.reset(sv[0]);
@@ -86,67 +78,31 @@ TEST(NetlinkUtilsTest, StationQueryAgainstFakePeer) {
         for (const Bytes& d : c.replies) {
             ASSERT_EQ(send(peer, d.data(), d.size(), 0), (ssize_t)d.size());
         }
-        CaptureStderr();
-        auto start = std::chrono::steady_clock::now();
+        testing::internal::CaptureStderr();
+        const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(nl.GetStationInfo(), c.dbm);
-        auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
-                          std::chrono::steady_clock::now() - start)
-                          .count();
-        std::string log = GetCapturedStderr();
+        const auto ms = (std::chrono::steady_clock::now() - start) / std::chrono::milliseconds(1);
+        std::string log = testing::internal::GetCapturedStderr();
         for (const char* line : c.logs) EXPECT_TRUE(contains(log, line)) << log;
         EXPECT_TRUE(c.replies.empty() ? ms >= 950 && ms < 1500 : ms < 500) << ms;
         EXPECT_TRUE(nl.messageHandlers.empty());
-        // The request: the family, GET_STATION, the interface and the (still zero) address.
+        // The request: the family, GET_STATION, the interface and the station's address.
         Bytes request(256);
-        request.resize(
-                std::max<ssize_t>(0, recv(peer, request.data(), request.size(), MSG_DONTWAIT)));
-        EXPECT_EQ(request, message(kFamily, NLM_F_REQUEST, 1, 17,
-                                   attr(3, le(0)) + attr(6, Bytes(6)), getpid()));
+        request.resize(std::max<ssize_t>(0, recv(peer, request.data(), 256, MSG_DONTWAIT)));
+        EXPECT_EQ(request,
+                  message(kFamily, NLM_F_REQUEST, 1, 17,
+                          attr(3, le(if_nametoindex("lo"))) + attr(6, {0x0a, 0x0b, 0x0c, 0, 0, 0}),
+                          getpid()));
     }
 }
 
-TEST(NetlinkUtilsTest, SequenceNumbersAndStationSettings) {
-    TestNetlink nl;
-    // Sequence numbers never use 0.
-    nl.sequenceNumber = 0xfffffffe;
-    EXPECT_EQ(nl.GetSequenceNumber(), 0xffffffffu);
-    EXPECT_EQ(nl.GetSequenceNumber(), 1u);
-
-    // Station settings: two hex digits per byte from the start, missing bytes are 0.
-    const struct {
-        const char* bssid;
-        Bytes mac;
-    } macs[] = {
-            {"AABBCCDDEEFF0011", {0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff}},
-            {"0102030", {1, 2, 3, 0, 0, 0}},
-            {"", {0, 0, 0, 0, 0, 0}},
-    };
-    for (const auto& m : macs) {
-        memset(nl.stationMac, 0x55, sizeof(nl.stationMac));
-        nl.SetStationInfo(m.bssid, "lo");
-        EXPECT_EQ(Bytes(nl.stationMac, nl.stationMac + 6), m.mac) << m.bssid;
-        EXPECT_EQ(nl.interfaceIndex, if_nametoindex("lo"));
-    }
-    nl.SetStationInfo("aabbccddeeff", "wlan-none");
-    EXPECT_EQ(nl.interfaceIndex, 0u);
-}
-
-// ---- Against the kernel's generic netlink controller (this kernel has no nl80211) ----
-
+// Against the kernel's generic netlink controller (this kernel has no nl80211): discovery fails,
+// and the same transport finds a family that exists.
 TEST(NetlinkKernelTest, DiscoveryFailsAndTheControllerAnswers) {
     if (getuid() != 0) GTEST_SKIP() << "needs root: SO_RCVBUFFORCE";
-    mlbd::initLogging();
     if (if_nametoindex("wlan0") == 0) {
-        CaptureStderr();
         EXPECT_FALSE(NetlinkUtils::instance()->Start());
-        std::string log = GetCapturedStderr();
-        // The controller answers with an error, which is not a family reply.
-        EXPECT_TRUE(contains(log, "D slm-netlink: bind succeed and fd is ")) << log;
-        EXPECT_TRUE(contains(log, "E slm-netlink: Wrong message type for new family message"));
-        EXPECT_TRUE(contains(log, "E slm-netlink: Failed to get NL80211 family id")) << log;
     }
-
-    // The same transport finds a family that exists.
     TestNetlink nl;
     ASSERT_TRUE(nl.SetupSocket(&nl.netlinkFd));
     NL80211Packet request(GENL_ID_CTRL, CTRL_CMD_GETFAMILY, nl.GetSequenceNumber(), getpid());
