@@ -41,7 +41,7 @@ constexpr int kNl80211StaInfoSignal = 7;
 
 constexpr size_t kMacLength = 6;
 
-// Shared by every read: all calls come from one thread at a time.
+// Shared by every read: reads run under callMutex, or from one thread at a time.
 alignas(4) uint8_t gReceiveBuffer[kReceiveBufferSize];
 
 // Reads hexadecimal digits from the start of text until the first other character (0 when none).
@@ -76,6 +76,7 @@ NetlinkUtils* NetlinkUtils::instance() {
 }
 
 bool NetlinkUtils::Start() {
+    std::lock_guard<std::mutex> lock(callMutex);
     if (!SetupSocket(&netlinkFd)) {
         LOG(ERROR) << "Failed to setup synchronous netlink socket";
         return false;
@@ -302,6 +303,7 @@ uint16_t NetlinkUtils::GetFamilyId() {
 }
 
 void NetlinkUtils::SetStationInfo(const std::string& bssid, const std::string& ifname) {
+    std::lock_guard<std::mutex> lock(callMutex);
     interfaceIndex = if_nametoindex(ifname.c_str());
     // Two digits per byte from the start; a short text leaves the remaining bytes at 0.
     uint8_t mac[kMacLength] = {0, 0, 0, 0, 0, 0};
@@ -312,6 +314,7 @@ void NetlinkUtils::SetStationInfo(const std::string& bssid, const std::string& i
 }
 
 int32_t NetlinkUtils::GetStationInfo() {
+    std::lock_guard<std::mutex> lock(callMutex);
     const uint16_t familyId = GetFamilyId();
     NL80211Packet request(familyId, kNl80211CmdGetStation, GetSequenceNumber(),
                           static_cast<uint32_t>(getpid()));

@@ -3,8 +3,11 @@
  * family id, and the query of the associated station's signal strength.
  *
  * A request is sent, a handler is registered under its sequence number, and the replies carrying
- * that number are collected until the last part arrives or 1000 ms have passed. Nothing here is
- * locked: all calls must come from one thread at a time.
+ * that number are collected until the last part arrives or 1000 ms have passed.
+ *
+ * Start, SetStationInfo and GetStationInfo take one lock, so the VoIP monitor's thread may query
+ * the station while the control thread sets the station or restarts the client. The lower-level
+ * calls take no lock of their own: they run inside those three, or from one thread at a time.
  */
 #pragma once
 
@@ -14,6 +17,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -87,6 +91,8 @@ class NetlinkUtils {
     uint8_t stationMac[6] = {0, 0, 0, 0, 0, 0};
     uint32_t sequenceNumber = 0;
     uint32_t interfaceIndex = 0;
+    // Serialises Start, SetStationInfo and GetStationInfo; a test holds it to swap the socket.
+    std::mutex callMutex;
 };
 
 }  // namespace wificond

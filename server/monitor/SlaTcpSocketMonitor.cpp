@@ -1,0 +1,288 @@
+/*
+ * The gaming TCP socket monitor: the polling thread, the dump into the per-port map, and the
+ * checks that start and stop RTT probing.
+ */
+#include "monitor/SlaTcpSocketMonitor.h"
+
+#include <android/log.h>
+#include <arpa/inet.h>
+#include <stddef.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <limits>
+
+#include "parameters/Parameters.h"
+#include "sls/SmartLinkSelection.h"
+
+#define LOG_TAG "Mlbd-SocketMonitor"
+#define LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, __VA_ARGS__)
+#define LOGE(...) __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, __VA_ARGS__)
+
+using android::net::SockDiag;
+using android::net::tcp_info_ext;
+
+namespace {
+
+constexpr int64_t kPollIntervalMs = 1000;
+// A busiest connection that showed no progress in this many checks in a row has stalled.
+constexpr uint32_t kStalledChecks = 4;
+// The least growth of the time since the last ACK that counts as no progress, milliseconds.
+constexpr uint32_t kStalledAckGapMs = 1000;
+// Connections to these ports are the game's web traffic, not its server.
+constexpr uint16_t kHttpPort = 80;
+constexpr uint16_t kHttpsPort = 443;
+
+std::mutex sInstanceLock;
+SlaTcpSocketMonitor* sInstance = nullptr;
+
+// The seq_rtt averaging works over three sample slots shared by every monitor of the process.
+std::mutex sSampleLock;
+int32_t sSeqRttSamples[3] = {0, 0, 0};
+int32_t sSeqRttSampleCount = 0;
+
+// The first UID of a comma-separated list: its decimal prefix, 0 when there is none.
+int32_t leadingUid(const std::string& text) {
+    long value = strtol(text.c_str(), nullptr, 10);  // saturates instead of overflowing
+    if (value > std::numeric_limits<int32_t>::max()) return std::numeric_limits<int32_t>::max();
+    if (value < std::numeric_limits<int32_t>::min()) return std::numeric_limits<int32_t>::min();
+    return static_cast<int32_t>(value);
+}
+
+int32_t saturateToInt32(int64_t value) {
+    if (value > std::numeric_limits<int32_t>::max()) return std::numeric_limits<int32_t>::max();
+    if (value < std::numeric_limits<int32_t>::min()) return std::numeric_limits<int32_t>::min();
+    return static_cast<int32_t>(value);
+}
+
+// The 32-bit statistic at `offset`, or 0 when the kernel's statistics do not reach past its end.
+uint32_t statistic(const tcp_info_ext* info, uint32_t len, size_t offset) {
+    uint32_t value = 0;
+    if (android::net::tcpInfoHasField(info, len, offset, sizeof(value))) {
+        memcpy(&value, reinterpret_cast<const uint8_t*>(info) + offset, sizeof(value));
+    }
+    return value;
+}
+
+}  // namespace
+
+SlaTcpSocketMonitor* SlaTcpSocketMonitor::instance() {
+    std::lock_guard<std::mutex> guard(sInstanceLock);
+    if (sInstance == nullptr) sInstance = new SlaTcpSocketMonitor();
+    return sInstance;
+}
+
+void SlaTcpSocketMonitor::finalize() {
+    std::lock_guard<std::mutex> guard(sInstanceLock);
+    delete sInstance;
+    sInstance = nullptr;
+}
+
+SlaTcpSocketMonitor::SlaTcpSocketMonitor() : params_(Parameters::instance()) {
+    sockets.max_load_factor(1.0f);
+    std::lock_guard<std::mutex> guard(lock_);
+    pollIntervalMs = kPollIntervalMs;
+    paused = true;
+    running = true;
+    // Read once: a game started later under another UID is watched only by a new monitor (each
+    // start of smart link selection makes one).
+    gamingUid = leadingUid(params_->getGamingUids());
+    rttThreshold = params_->rtt_exit_threshold;
+    thread_ = std::thread(&SlaTcpSocketMonitor::threadLoop, this);
+}
+
+SlaTcpSocketMonitor::~SlaTcpSocketMonitor() {
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        paused = true;
+        running = false;
+    }
+    wakeUp_.notify_all();
+    if (thread_.joinable()) thread_.join();
+}
+
+void SlaTcpSocketMonitor::threadLoop() {
+    auto isRunning = [this] {
+        std::lock_guard<std::mutex> guard(lock_);
+        return running;
+    };
+    while (isRunning()) {
+        poll();
+        selectServer();
+        waitForNextPoll();
+    }
+}
+
+void SlaTcpSocketMonitor::resumePolling() {
+    bool wasPaused;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        wasPaused = paused;
+        paused = false;
+    }
+    if (wasPaused) wakeUp_.notify_all();
+}
+
+void SlaTcpSocketMonitor::waitForNextPoll() {
+    // The flags are read and the wait begun under one hold of the lock, so that a resume or a
+    // stop that comes in between cannot be missed.
+    std::unique_lock<std::mutex> guard(lock_);
+    if (!running) return;
+    if (paused) {
+        wakeUp_.wait(guard);
+    } else {
+        wakeUp_.wait_for(guard, std::chrono::milliseconds(pollIntervalMs));
+    }
+}
+
+void SlaTcpSocketMonitor::poll() {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (paused) return;
+    SockDiag diag;
+    if (!diag.open()) {
+        LOGE("Error opening sock diag for polling TCP socket info");
+        return;
+    }
+    const Clock::time_point now = Clock::now();
+    int ret = diag.getLiveTcpInfos(
+            [this, now](const inet_diag_msg* msg, const tcp_info_ext* info, uint32_t len) {
+                updateSocketStats(now, msg, info, len);
+            });
+    if (ret != 0) {
+        LOGE("Failed to poll TCP socket info: %s", strerror(-ret));
+        return;
+    }
+    // Only a complete dump tells which connections are gone.
+    for (auto it = sockets.begin(); it != sockets.end();) {
+        if (it->second.update_time < now) {
+            it = sockets.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    lastPollTime = now;
+}
+
+void SlaTcpSocketMonitor::updateSocketStats(Clock::time_point now, const inet_diag_msg* msg,
+                                            const tcp_info_ext* info, uint32_t len) {
+    if (msg == nullptr || static_cast<int64_t>(msg->idiag_uid) != gamingUid) return;
+    char server[INET6_ADDRSTRLEN] = {};
+    if ((msg->idiag_family != AF_INET && msg->idiag_family != AF_INET6) ||
+        inet_ntop(msg->idiag_family, msg->id.idiag_dst, server, sizeof(server)) == nullptr) {
+        return;
+    }
+    const uint16_t port = ntohs(msg->id.idiag_dport);
+    // IPv4-mapped destinations are the IPv4 connections of dual-stack sockets.
+    if (port == kHttpPort || port == kHttpsPort || strncmp(server, "::ffff", 6) == 0) return;
+
+    SlsSocket& entry = sockets[port];
+    entry.sent_cnt = statistic(info, len, offsetof(tcp_info_ext, tcpi_segs_out));
+    entry.recv_cnt = statistic(info, len, offsetof(tcp_info_ext, tcpi_segs_in));
+    memset(entry.server, 0, sizeof(entry.server));
+    memcpy(entry.server, server, sizeof(entry.server));
+    entry.port = port;
+    entry.uid = msg->idiag_uid;
+    entry.rtt = statistic(info, len, offsetof(tcp_info_ext, tcpi_rtt));
+    entry.seq_rtt = statistic(info, len, offsetof(tcp_info_ext, tcpi_rcv_ooopack));
+    entry.last_ack_recv_time = statistic(info, len, offsetof(tcp_info_ext, tcpi_last_ack_recv));
+    entry.update_time = now;
+    LOGD("map server is %s , port is %d,total sent_cnt %d", entry.server,
+         static_cast<int>(entry.port), static_cast<int>(entry.sent_cnt));
+}
+
+void SlaTcpSocketMonitor::selectServer() {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (sockets.empty()) return;
+    const std::string current = params_->getGamingRttServer();
+    // Among equal counts the entry met last wins.
+    SlsSocket busiest = sockets.begin()->second;
+    for (const auto& entry : sockets) {
+        if (entry.second.sent_cnt >= busiest.sent_cnt) busiest = entry.second;
+    }
+    checkGamingServerConnectStatus(&busiest);
+    checkGamingServerRtt(&busiest);
+    if (current != busiest.server) {
+        // Address and port change together, under the store's lock; the probes pick the new
+        // target up from their next cycle on.
+        params_->setRttTarget(busiest.server, static_cast<int32_t>(busiest.port));
+        LOGD("selectServer update is %s", busiest.server);
+    }
+}
+
+void SlaTcpSocketMonitor::checkGamingServerConnectStatus(SlsSocket* sock) {
+    if (sock == nullptr) return;
+    const uint32_t seq = sock->seq_rtt;
+    const uint32_t rttMs = sock->rtt / 1000;
+    const bool sameRecv = prevRecvCnt == sock->recv_cnt;
+    const uint32_t ackGap = sock->last_ack_recv_time - prevLastAckRecvTime;
+    // No new segment, no ACK for a second, and the same delay figure as last time.
+    const bool stalled = sameRecv && ackGap >= kStalledAckGapMs &&
+                         (seq != 0 ? prevSeqRtt == seq : prevRttMs == rttMs);
+    if (stalled) {
+        staleCount++;
+    } else {
+        params_->setGamingConnectStatus(true);
+        staleCount = 0;
+    }
+    prevRecvCnt = sock->recv_cnt;
+    prevLastAckRecvTime = sock->last_ack_recv_time;
+    prevRttMs = rttMs;
+    prevSeqRtt = seq;
+
+    if (staleCount == kStalledChecks && params_->isGamingConnectStatus() &&
+        !params_->isServiceHighRtt()) {
+        params_->setGamingConnectStatus(false);
+        SmartLinkSelection::instance()->threadResume();
+        params_->setServiceHighRtt(true);
+        staleCount = 0;
+        LOGD("checkGamingServerRtt creat rtt theads");
+    }
+    LOGD("checkGamingServerConnectStatus prev_recv_cnt %d,last_ack_recv_time %d,prev_seq_rtt %d",
+         static_cast<int>(sock->recv_cnt), static_cast<int>(sock->last_ack_recv_time),
+         static_cast<int>(seq));
+}
+
+void SlaTcpSocketMonitor::checkGamingServerRtt(SlsSocket* sock) {
+    if (sock == nullptr) return;
+    const int32_t rtt = saturateToInt32(static_cast<int64_t>(sock->rtt / 1000) +
+                                        params_->wifiRttPenaltyMs.load());
+    // Every third call averages the slots; the average is carried on in slot 0 and the calls in
+    // between only collect samples (and report 0).
+    int32_t seqAvg;
+    {
+        std::lock_guard<std::mutex> guard(sSampleLock);
+        if (sSeqRttSampleCount >= 3) {
+            seqAvg = (sSeqRttSamples[0] + sSeqRttSamples[1] + sSeqRttSamples[2]) / 3;
+            sSeqRttSamples[0] = seqAvg;
+            sSeqRttSampleCount = 1;
+        } else {
+            seqAvg = 0;
+            sSeqRttSamples[sSeqRttSampleCount] = static_cast<int32_t>(sock->seq_rtt / 100);
+            sSeqRttSampleCount++;
+        }
+    }
+    LOGD("checkGamingServerRtt rtt is %d,tcp_seq_rtt is %d", rtt, seqAvg);
+
+    const bool connected = params_->isGamingConnectStatus();
+    if ((rtt > rttThreshold || seqAvg > rttThreshold) && !params_->isServiceHighRtt() &&
+        connected) {
+        SmartLinkSelection::instance()->threadResume();
+        params_->setServiceHighRtt(true);
+        LOGD("checkGamingServerRtt creat rtt theads , rtt is %d", rtt);
+        return;
+    }
+    // Reached also when a high measure could not start probing: then one low measure beside it
+    // stops probing.
+    const bool low = (rtt != 0 && rtt < rttThreshold) || (seqAvg != 0 && seqAvg < rttThreshold);
+    if (low && params_->isServiceHighRtt() && connected) {
+        SmartLinkSelection::instance()->threadStop();
+        params_->setServiceHighRtt(false);
+        LOGD("checkGamingServerRtt stop rtt theads , rtt is %d", rtt);
+    }
+}
+
+std::unordered_map<uint64_t, SlaTcpSocketMonitor::SlsSocket> SlaTcpSocketMonitor::getSockets()
+        const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return sockets;
+}
