@@ -7,12 +7,12 @@
 #include <sys/stat.h>
 
 #include <chrono>
-#include <fstream>
 #include <thread>
 
 #include "parameters/Parameters.h"
 #include "sls/SmartLinkSelection.h"
 #include "sls/Tcping.h"
+#include "util/Daemon.h"
 #include "util/EmulatedLinks.h"
 
 namespace {
@@ -20,17 +20,9 @@ namespace {
 using namespace std::chrono;
 using mlbd::test::EmulatedLinks;
 using mlbd::test::Netns;
+using mlbd::test::waitFor;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
-
-template <typename Pred>
-bool waitFor(Pred pred, milliseconds limit) {
-    for (auto end = steady_clock::now() + limit; steady_clock::now() < end;) {
-        if (pred()) return true;
-        std::this_thread::sleep_for(milliseconds(20));
-    }
-    return pred();
-}
 
 // Wi-Fi 20 ms and cellular 150 ms away from the probe server 1.1.1.1:443, which lives in the
 // test's peer namespace; probes every 100 ms, a link fails after 3 misses.
@@ -39,16 +31,9 @@ class SlsKernelTest : public ::testing::Test {
     void SetUp() override {
         std::string why;
         if (!Netns::enterPrivate(&why)) GTEST_SKIP() << why;
-        char tmpl[] = "/tmp/mlbd-slsk-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        root_ = tmpl;
+        root_ = mlbd::test::makeRoot("ping_interval_ms=100\nmin_ping_times=3\n");
+        ASSERT_FALSE(root_.empty());
         setenv("MLBD_ROOT", root_.c_str(), 1);
-        ASSERT_EQ(
-                0,
-                system(("mkdir -p " + root_ + "/properties " + root_ + "/vendor/etc/sla").c_str()));
-        std::ofstream(root_ + "/properties/vendor.sla.ifaces") << "wlan0,rmnet_data0";
-        std::ofstream(root_ + "/vendor/etc/sla/mlbd.conf")
-                << "ping_interval_ms=100\nmin_ping_times=3\n";
         mlbd::initLogging();
         ASSERT_TRUE(net_.startPeer());
         ASSERT_TRUE(links_.start(net_, 20, 150, &why)) << why;
@@ -125,19 +110,18 @@ TEST_F(SlsKernelTest, ProbeThreadsLifecycle) {
     std::shared_ptr<InterfaceRtt> wifi = sls->records().at("wlan0");
     std::shared_ptr<InterfaceRtt> cell = sls->records().at("rmnet_data0");
     sls->createRttThreads();
-    ASSERT_TRUE(waitFor([&] { return wifi->speed > 0 && wifi->speed < 30; }, seconds(10)))
-            << wifi->speed;
-    ASSERT_TRUE(waitFor([&] { return cell->speed >= 150 && cell->speed < 175; }, seconds(10)))
+    ASSERT_TRUE(waitFor([&] { return wifi->speed > 0 && wifi->speed < 30; }, 10000)) << wifi->speed;
+    ASSERT_TRUE(waitFor([&] { return cell->speed >= 150 && cell->speed < 175; }, 10000))
             << cell->speed;
 
     // Wi-Fi loses every packet: three misses fail it; cellular is untouched.
     ASSERT_TRUE(links_.set("wlan0", "loss=100%"));
-    ASSERT_TRUE(waitFor([&] { return wifi->speed == -1; }, seconds(6)));
+    ASSERT_TRUE(waitFor([&] { return wifi->speed == -1; }, 6000));
     EXPECT_EQ(3u, wifi->getMissCount());
     EXPECT_GE(cell->speed, 150);
     // Its next good probe brings it back, smoothed from 1000: 400 + 0.6 x ~20.
     ASSERT_TRUE(links_.set("wlan0", "loss=0%"));
-    ASSERT_TRUE(waitFor([&] { return wifi->speed > 0; }, seconds(6)));
+    ASSERT_TRUE(waitFor([&] { return wifi->speed > 0; }, 6000));
     EXPECT_TRUE(wifi->speed >= 412 && wifi->speed < 430) << wifi->speed;
 
     // Stopped, the record keeps its thread and history; resumed, it goes on from there.
@@ -149,7 +133,7 @@ TEST_F(SlsKernelTest, ProbeThreadsLifecycle) {
     EXPECT_EQ(held, wifi->speed);
     EXPECT_EQ(held, wifi->getPrevSpeed());
     sls->threadResume();
-    ASSERT_TRUE(waitFor([&] { return wifi->speed != held; }, seconds(3)));
+    ASSERT_TRUE(waitFor([&] { return wifi->speed != held; }, 3000));
     EXPECT_EQ(thread, wifi->thread);
     EXPECT_LT(wifi->speed, held);
 
@@ -164,7 +148,7 @@ TEST_F(SlsKernelTest, ProbeThreadsLifecycle) {
     cell.reset();
     SmartLinkSelection::finalize();
     sls.reset();
-    EXPECT_TRUE(waitFor([&] { return weakWifi.expired() && weakCell.expired(); }, seconds(5)));
+    EXPECT_TRUE(waitFor([&] { return weakWifi.expired() && weakCell.expired(); }, 5000));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <fstream>
 #include <sstream>
+#include <tuple>
 #include <vector>
 
 #include "iptables/execnetd.h"
@@ -170,29 +171,27 @@ TEST_F(SlsTest, ChoiceCases) {
         gNow.tv_sec += 1;
         CaptureStderr();
         const char* result = sls_->calcInterface();
-        const Lines log = messages(GetCapturedStderr());
-        const bool found = c.decision.empty() ? result == nullptr : result != nullptr;
-        ASSERT_TRUE(found) << c.what;
-        if (result == nullptr) {
+        const std::string log = GetCapturedStderr();
+        auto logged = [&log](const std::string& message) {
+            return log.find("Mlbd-SlaPing: calcInterface SLA_RTT" + message + "\n") !=
+                   std::string::npos;
+        };
+        if (c.decision.empty()) {
+            EXPECT_EQ(nullptr, result) << c.what;
             EXPECT_EQ(c.current, sls_->current->name) << c.what;
-            EXPECT_NE(log.end(),
-                      std::find(log.begin(), log.end(),
-                                "calcInterface SLA_RTT Fastest Interface returned NULL"));
+            EXPECT_TRUE(logged(" Fastest Interface returned NULL")) << log;
             continue;
         }
         EXPECT_STREQ(c.chosen, result) << c.what;
-        const std::string decision = "calcInterface SLA_RTT" + c.decision;
-        EXPECT_NE(log.end(), std::find(log.begin(), log.end(), decision)) << c.what;
+        EXPECT_TRUE(logged(c.decision)) << c.what;
+        // A switch is logged, points the selection chains at the new link and names both links;
+        // no switch runs nothing.
         const bool switched = c.current == nullptr || strcmp(c.current, c.chosen) != 0;
-        const std::string switchLine =
-                std::string("calcInterface SLA_RTT_SELECTED perform switch ") + c.chosen + " ";
-        EXPECT_EQ(switched, std::find(log.begin(), log.end(), switchLine) != log.end()) << c.what;
-        // A switch points the selection chains at the new link; no switch runs nothing.
+        EXPECT_EQ(switched, logged(std::string("_SELECTED perform switch ") + c.chosen + " "));
         EXPECT_EQ(switched, !commands_.lines().empty()) << c.what;
         if (switched && c.current != nullptr) {
-            EXPECT_EQ(std::string("calcInterface SLA_RTT_SELECTED current =  ") + c.chosen +
-                              " , prvious =" + c.current,
-                      log[log.size() - 2])
+            EXPECT_TRUE(logged(std::string("_SELECTED current =  ") + c.chosen +
+                               " , prvious =" + c.current))
                     << c.what;
         }
     }
@@ -223,28 +222,21 @@ TEST_F(SlsTest, HysteresisGate) {
 // The call's server, published by the kernel module as network-order decimals, becomes the
 // probe target once per call.
 TEST_F(SlsTest, VoipServerBecomesTheProbeTarget) {
-    struct Case {
-        const char* state;
-        bool voip;
-        const char* server;
-        int32_t port;
+    // clang-format off
+    const std::tuple<const char*, bool, const char*, int32_t> cases[] = {
+        {"33554442,50195", false, DEFAULT_RTT_SERVER, 443},  // no call
+        {"garbage", true, DEFAULT_RTT_SERVER, 443},
+        {"33554442,0", true, DEFAULT_RTT_SERVER, 443},
+        {"4294967295,65535", true, "255.255.255.255", 65535},
+        {"33554442,50195", true, "255.255.255.255", 65535},  // taken once per call
     };
-    const Case cases[] = {
-            {"33554442,50195", false, DEFAULT_RTT_SERVER, 443},  // no call
-            {"garbage", true, DEFAULT_RTT_SERVER, 443},
-            {"33554442,0", true, DEFAULT_RTT_SERVER, 443},
-            {"4294967295,65535", true, "255.255.255.255", 65535},
-            {"33554442,50195", true, "255.255.255.255", 65535},  // taken once per call
-    };
-    for (const Case& c : cases) {
-        std::ofstream(root_ + "/proc/sla/sla_voip_state") << c.state;
-        params_->setVoipRunning(c.voip);
+    // clang-format on
+    for (const auto& [state, voip, server, port] : cases) {
+        std::ofstream(root_ + "/proc/sla/sla_voip_state") << state;
+        params_->setVoipRunning(voip);
         SmartLinkSelection::setVoipIpAddressAndPort();
-        std::string server;
-        int32_t port = 0;
-        params_->getRttTarget(&server, &port);
-        EXPECT_EQ(c.server, server) << c.state;
-        EXPECT_EQ(c.port, port) << c.state;
+        EXPECT_EQ(server, params_->getGamingRttServer()) << state;
+        EXPECT_EQ(port, params_->rttServerPort) << state;
     }
     params_->setRttTarget(DEFAULT_RTT_SERVER, 443);
     SmartLinkSelection::setVoipIpAddressAndPort();
