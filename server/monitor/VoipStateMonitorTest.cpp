@@ -3,7 +3,6 @@
 #include <sys/socket.h>
 
 #include <chrono>
-#include <memory>
 
 #include "monitor/VoipStateMonitor.h"
 #include "parameters/Parameters.h"
@@ -13,36 +12,32 @@
 
 namespace {
 
-using namespace android::wificond;
 using namespace netlink_test;
-using namespace std::chrono_literals;
 
 constexpr uint16_t kFamily = 0x1c;
 
 // The nl80211 client on its real socket, where the kernel's controller stands in for nl80211 and
-// answers each station query at once with an error, until attach() moves it to a socketpair
-// whose other end the test answers from.
-class StationPeer : public NetlinkUtils {
+// answers each station query at once with an error, until the first answer() moves it to a
+// socketpair whose other end the test answers from.
+class StationPeer : public android::wificond::NetlinkUtils {
   public:
-    StationPeer() { messageTypes["nl80211"] = MessageType(GENL_ID_CTRL); }
-    void attach() {
-        int sv[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv), 0);
-        timeval limit = {5, 0};
-        setsockopt(sv[1], SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-        std::lock_guard<std::mutex> lock(callMutex);
-        netlinkFd.reset(sv[0]);
-        peer.reset(sv[1]);
-        messageTypes["nl80211"] = MessageType(kFamily);
-    }
+    StationPeer() { messageTypes["nl80211"] = android::wificond::MessageType(GENL_ID_CTRL); }
     // Answers the pending station query (if any) with `dbm`, then waits for the next query (the
     // answer's sample is complete then) unless `last`.
     bool answer(int8_t dbm, bool last = false) {
-        Bytes reply = message(kFamily, 0, seq, 19, attr(21, attr(7, {static_cast<uint8_t>(dbm)})));
+        if (!peer.ok()) {
+            int sv[2];
+            if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) != 0) return false;
+            const timeval limit = {5, 0};
+            setsockopt(sv[1], SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+            std::lock_guard<std::mutex> lock(callMutex);
+            netlinkFd.reset(sv[0]), peer.reset(sv[1]);
+            messageTypes["nl80211"] = android::wificond::MessageType(kFamily);
+        }
+        const Bytes reply = message(kFamily, 0, seq, 19, attr(21, attr(7, {uint8_t(dbm)})));
         Bytes query(256);
         if (seq != 0 && send(peer, reply.data(), reply.size(), 0) < 0) return false;
-        if (last) return true;
-        const bool queried = recv(peer, query.data(), query.size(), 0) >= 16;
+        const bool queried = last || recv(peer, query.data(), query.size(), 0) >= 16;
         memcpy(&seq, &query[8], sizeof(seq));
         return queried;
     }
@@ -52,46 +47,42 @@ class StationPeer : public NetlinkUtils {
 };
 
 TEST(VoipStateMonitorTest, PenaltyFromTheSignalAndThresholdsAroundACall) {
-    std::string why;
     // In a namespace of its own: the end of a monitor resets the gaming UIDs' sockets.
-    if (!mlbd::test::Netns::enterPrivate(&why)) GTEST_SKIP() << why;
+    if (!mlbd::test::Netns::enterPrivate()) GTEST_SKIP() << "needs root and network namespaces";
     setenv("MLBD_ROOT", "/dev/null/none", 1);  // no configuration, no properties
     mlbd::initLogging();
     Parameters* params = Parameters::instance();
     params->setGamingUids("10050,10060");
     params->populateGamingUids();
-    auto thresholds = [&] {
-        return std::to_string(params->rtt_entry_threshold) + "/" +
-               std::to_string(params->rtt_exit_threshold);
+    auto thresholds = [p = params] {
+        return std::pair{+p->rtt_entry_threshold, +p->rtt_exit_threshold};
     };
 
     StationPeer station, inCall;
     testing::internal::CaptureStderr();
     auto monitor = std::make_unique<VoipStateMonitor>(&station);
-    EXPECT_EQ(thresholds(), "90/130");
-    station.attach();
-    ASSERT_TRUE(station.answer(0));  // the first query
-    // The signal, and the penalty after it: weak, no station information (kept), fair.
-    for (auto [dbm, penalty] : {std::pair{-70, 200}, {1, 200}, {0, 200}, {-69, 0}}) {
-        ASSERT_TRUE(station.answer(dbm));
-        EXPECT_EQ(params->wifiRttPenaltyMs, penalty) << dbm;
-    }
-    // Destruction wakes the thread from its pause instead of waiting it out.
-    station.answer(-50, true);
+    EXPECT_EQ(thresholds(), std::pair(90, 130));
+    // After the first query, the signal and the penalty after it: weak, then no station
+    // information (the penalty is kept); the last answer, a fair signal, clears it.
+    ASSERT_TRUE(station.answer(0));
+    for (auto [dbm, penalty] : {std::pair{-70, 200}, {1, 200}, {0, 200}})
+        EXPECT_TRUE(station.answer(dbm) && params->wifiRttPenaltyMs == penalty) << dbm;
+    // Destruction wakes the thread from its pause after that sample instead of waiting it out.
+    station.answer(-69, true);
     const auto start = std::chrono::steady_clock::now();
     monitor.reset();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 300ms);
-    EXPECT_EQ(thresholds(), "90/130");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
+    EXPECT_EQ(params->wifiRttPenaltyMs, 0);
+    EXPECT_EQ(thresholds(), std::pair(90, 130));
 
     // Made during a call, the monitor raises both thresholds; its end steps only entry back.
     params->setVoipRunning(true);
     monitor = std::make_unique<VoipStateMonitor>(&inCall);
-    EXPECT_EQ(thresholds(), "110/200");
+    EXPECT_EQ(thresholds(), std::pair(110, 200));
     monitor.reset();
-    EXPECT_EQ(thresholds(), "130/200");
-    const std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(contains(log, "D Mlbd-VoipStateMonitor: rssi is -70\n")) << log;
+    EXPECT_EQ(thresholds(), std::pair(130, 200));
     // Each end resets the sockets of every gaming UID.
+    const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_TRUE(contains(log, "destroying UDP sockets: 10050\n") &&
                 contains(log, "destroying UDP sockets: 10060\n"));
 }
