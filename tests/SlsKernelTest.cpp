@@ -83,11 +83,8 @@ TEST_F(SlsKernelTest, ProbeMeasuresTheLinkItIsBoundTo) {
 
     // A server that accepts but never answers: the receive gives up after half a second.
     const int silent = net_.socketInPeer(AF_INET, SOCK_STREAM);
-    sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(444);
-    addr.sin_addr.s_addr = htonl(0x01010101);
-    ASSERT_EQ(0, bind(silent, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+    const sockaddr_in addr = {AF_INET, htons(444), {htonl(0x01010101)}, {}};  // 1.1.1.1:444
+    ASSERT_EQ(0, bind(silent, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)));
     ASSERT_EQ(0, listen(silent, 8));
     EXPECT_EQ(-1, probe("wlan0", "1.1.1.1", 444));
     EXPECT_TRUE(logged("E Mlbd-Tcping: recieve failed -1,error is 11")) << log_;
@@ -107,8 +104,8 @@ TEST_F(SlsKernelTest, ProbeMeasuresTheLinkItIsBoundTo) {
 // losing history, and let go of their records when destroyed, however often that happens.
 TEST_F(SlsKernelTest, ProbeThreadsLifecycle) {
     std::shared_ptr<SmartLinkSelection> sls = SmartLinkSelection::instance();
-    std::shared_ptr<InterfaceRtt> wifi = sls->records().at("wlan0");
-    std::shared_ptr<InterfaceRtt> cell = sls->records().at("rmnet_data0");
+    std::shared_ptr<InterfaceRtt> wifi = sls->records().at("wlan0"),
+                                  cell = sls->records().at("rmnet_data0");
     sls->createRttThreads();
     ASSERT_TRUE(waitFor([&] { return wifi->speed > 0 && wifi->speed < 30; }, 10000)) << wifi->speed;
     ASSERT_TRUE(waitFor([&] { return cell->speed >= 150 && cell->speed < 175; }, 10000))

@@ -139,7 +139,6 @@ TEST_F(ParametersTest, ConcurrentReadersSeeWholeValues) {
             p.setGamingUids(i % 2 ? "1,2,3" : "4");
             p.populateGamingUids();
             p.setRttTarget(i % 2 ? "10.0.0.1" : "10.0.0.22", i % 2 ? 1 : 22);
-            p.rtt_exit_threshold = i;
         }
     });
     for (int i = 0; i < 2000; ++i) {
