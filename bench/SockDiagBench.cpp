@@ -34,6 +34,7 @@
 #include <vector>
 
 #include "monitor/SockDiag.h"
+#include "util/Netns.h"
 
 namespace {
 
@@ -264,18 +265,6 @@ void BM_InlineBaseline(benchmark::State& state) {
 BENCHMARK(BM_KillSocketsForUID)->Iterations(30)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_InlineBaseline)->Iterations(30)->UseRealTime()->Unit(benchmark::kMillisecond);
 
-bool enterPrivateNetns() {
-    if (unshare(CLONE_NEWNET) != 0) return false;
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ifreq ifr = {};
-    strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
-    bool ok = fd >= 0 && ioctl(fd, SIOCGIFFLAGS, &ifr) == 0;
-    ifr.ifr_flags |= IFF_UP;
-    ok = ok && ioctl(fd, SIOCSIFFLAGS, &ifr) == 0;
-    close(fd);
-    return ok;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -286,7 +275,7 @@ int main(int argc, char** argv) {
     }
     // Both children hold over 1000 descriptors.
     rlimit nofile = {8192, 8192};
-    if (setrlimit(RLIMIT_NOFILE, &nofile) != 0 || !enterPrivateNetns()) {
+    if (setrlimit(RLIMIT_NOFILE, &nofile) != 0 || !mlbd::test::Netns::enterPrivate()) {
         std::printf("SockDiagBench: skipped: no private network namespace (%s)\n", strerror(errno));
         return 0;
     }

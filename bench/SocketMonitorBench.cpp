@@ -37,6 +37,7 @@
 #include "monitor/SlaTcpSocketMonitor.h"
 #include "monitor/SockDiag.h"
 #include "parameters/Parameters.h"
+#include "util/Netns.h"
 
 namespace {
 
@@ -142,18 +143,6 @@ void BM_BareDump(benchmark::State& state) {
 BENCHMARK(BM_Poll)->MinTime(2.0)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_BareDump)->MinTime(2.0)->Unit(benchmark::kMicrosecond);
 
-bool enterPrivateNetns() {
-    if (unshare(CLONE_NEWNET) != 0) return false;
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ifreq ifr = {};
-    strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
-    bool ok = fd >= 0 && ioctl(fd, SIOCGIFFLAGS, &ifr) == 0;
-    ifr.ifr_flags |= IFF_UP;
-    ok = ok && ioctl(fd, SIOCSIFFLAGS, &ifr) == 0;
-    close(fd);
-    return ok;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -163,7 +152,7 @@ int main(int argc, char** argv) {
         return 0;
     }
     rlimit nofile = {8192, 8192};
-    if (setrlimit(RLIMIT_NOFILE, &nofile) != 0 || !enterPrivateNetns()) {
+    if (setrlimit(RLIMIT_NOFILE, &nofile) != 0 || !mlbd::test::Netns::enterPrivate()) {
         std::printf("SocketMonitorBench: skipped: no private network namespace (%s)\n",
                     strerror(errno));
         return 0;
