@@ -636,24 +636,24 @@ class Emulator {
 };
 
 // NAME:PEERNAME[:KEY=VALUE]...
-bool parseLink(const std::string& spec, Link* link, std::string* why) {
+bool parseLink(const std::string& text, Link* link, std::string* why) {
     std::vector<std::string> parts;
     size_t pos = 0;
     for (;;) {
-        size_t colon = spec.find(':', pos);
-        parts.push_back(spec.substr(pos, colon - pos));
+        size_t colon = text.find(':', pos);
+        parts.push_back(text.substr(pos, colon - pos));
         if (colon == std::string::npos) break;
         pos = colon + 1;
     }
     if (parts.size() < 2 || !validIfName(parts[0]) || !validIfName(parts[1])) {
-        *why = "--link " + spec + ": expected NAME:PEERNAME[:KEY=VALUE]... with interface names";
+        *why = "--link " + text + ": expected NAME:PEERNAME[:KEY=VALUE]... with interface names";
         return false;
     }
     link->name = parts[0];
     link->peerName = parts[1];
     for (size_t i = 2; i < parts.size(); ++i) {
         if (!applySetting(parts[i], &link->settings, why)) {
-            *why = "--link " + spec + ": " + *why;
+            *why = "--link " + text + ": " + *why;
             return false;
         }
     }
