@@ -43,6 +43,8 @@
 #include <string>
 #include <vector>
 
+#include "StopSignals.h"
+
 namespace {
 
 // Per direction: packets beyond these bounds are dropped, as is a packet that would wait more
@@ -62,12 +64,6 @@ constexpr int kClientWaitSeconds = 3;  // the client's connect, send and receive
 constexpr int64_t kMaxDelayUs = 60000000;
 constexpr double kMaxRateBps = 100e9;
 const char kDefaultSocket[] = "/run/link-emulator.sock";
-
-volatile sig_atomic_t gStop = 0;
-
-void onSignal(int) {
-    gStop = 1;
-}
 
 void usage(FILE* out) {
     fprintf(out,
@@ -710,16 +706,7 @@ int runEmulator(int argc, char** argv, const std::string& defaultSocket) {
         return 2;
     }
 
-    struct sigaction sa = {};
-    sa.sa_handler = onSignal;
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
+    installStopSignals();
 
     // Wake-ups as close to a packet's departure as the kernel allows (the default slack is
     // 50 us).

@@ -27,18 +27,14 @@
 #include <string>
 #include <vector>
 
+#include "StopSignals.h"
+
 namespace {
 
 constexpr size_t kProbeBytes = 28;
 constexpr size_t kAnswerBytes = 30;
 constexpr size_t kMaxConnections = 256;
 constexpr size_t kMaxPendingOut = 64 * 1024;
-
-volatile sig_atomic_t gStop = 0;
-
-void onSignal(int) {
-    gStop = 1;
-}
 
 void usage(FILE* out) {
     fprintf(out,
@@ -237,16 +233,7 @@ int main(int argc, char** argv) {
         return 2;
     }
 
-    struct sigaction sa = {};
-    sa.sa_handler = onSignal;
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
+    installStopSignals();
 
     std::string shown;
     int listener = listenOn(address, port, &shown);

@@ -41,18 +41,15 @@ std::mutex sSampleLock;
 int32_t sSeqRttSamples[3] = {0, 0, 0};
 int32_t sSeqRttSampleCount = 0;
 
-// The first UID of a comma-separated list: its decimal prefix, 0 when there is none.
-int32_t leadingUid(const std::string& text) {
-    long value = strtol(text.c_str(), nullptr, 10);  // saturates instead of overflowing
+int32_t saturateToInt32(int64_t value) {
     if (value > std::numeric_limits<int32_t>::max()) return std::numeric_limits<int32_t>::max();
     if (value < std::numeric_limits<int32_t>::min()) return std::numeric_limits<int32_t>::min();
     return static_cast<int32_t>(value);
 }
 
-int32_t saturateToInt32(int64_t value) {
-    if (value > std::numeric_limits<int32_t>::max()) return std::numeric_limits<int32_t>::max();
-    if (value < std::numeric_limits<int32_t>::min()) return std::numeric_limits<int32_t>::min();
-    return static_cast<int32_t>(value);
+// The first UID of a comma-separated list: its decimal prefix, 0 when there is none.
+int32_t leadingUid(const std::string& text) {
+    return saturateToInt32(strtoll(text.c_str(), nullptr, 10));  // strtoll saturates as well
 }
 
 // The 32-bit statistic at `offset`, or 0 when the kernel's statistics do not reach past its end.
