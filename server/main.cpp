@@ -5,6 +5,7 @@
 #include <android/log.h>
 #include <unistd.h>
 
+#include "MlbdSocketServer.h"
 #include "iptables/IptablesManager.h"
 #include "monitor/SockDiag.h"
 #include "parameters/Parameters.h"
@@ -26,6 +27,10 @@ int main() {
     IptablesManager* iptablesManager = IptablesManager::instance();
     iptablesManager->setup_SLM_iptables_FWMARK_chains();
 
+    // The control socket: from here on the platform client's commands can arrive. Without it
+    // the daemon runs on with aggregation only.
+    createSocketThreads(parameters);
+
     // Link aggregation: the kernel module is configured and its statistics files mapped.
     SlaStatsImpl* slaStats = SlaStatsImpl::instance();
     slaStats->enableSLA(true);
@@ -46,7 +51,8 @@ int main() {
     for (const std::string& uid : parameters->getGamingUidList()) {
         android::net::killSocketsForUID(uid.c_str());
     }
-
+    // No new client; the one connected stays, and its commands now program nothing.
+    stopSocketThreads();
     SlaStatsImpl::finalize();
 
     // Parked: the process stays alive and idle; re-enabling needs a restart.

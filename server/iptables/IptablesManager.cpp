@@ -119,6 +119,7 @@ const std::map<std::string, InterfaceInfo_t*>& interfaceMap() {
 }  // namespace
 
 IptablesManager* IptablesManager::sInstance = nullptr;
+bool IptablesManager::sTornDown = false;
 
 bool IptablesManager::isValidUidText(const std::string& uid) {
     if (uid.empty() || uid.size() > 10) return false;
@@ -128,16 +129,25 @@ bool IptablesManager::isValidUidText(const std::string& uid) {
     return uid.size() == 1 || uid[0] != '0';
 }
 
+std::recursive_mutex& IptablesManager::lifecycleMutex() {
+    static std::recursive_mutex mutex;
+    return mutex;
+}
+
 IptablesManager* IptablesManager::instance() {
-    if (sInstance == nullptr) sInstance = new IptablesManager();
+    std::lock_guard<std::recursive_mutex> lock(lifecycleMutex());
+    if (sInstance == nullptr && !sTornDown) sInstance = new IptablesManager();
     return sInstance;
 }
 
 void IptablesManager::clean_SLM_iptables() {
+    std::lock_guard<std::recursive_mutex> lock(lifecycleMutex());
     if (sInstance == nullptr) return;
     delete sInstance;
-    // Cleared so that a second call does nothing rather than free the object twice.
+    // Cleared so that a second call does nothing rather than free the object twice, and
+    // marked so that no later call builds the skeleton again.
     sInstance = nullptr;
+    sTornDown = true;
 }
 
 IptablesManager::IptablesManager() {

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <map>
+#include <mutex>
 #include <string>
 
 #include "parameters/Parameters.h"
@@ -21,10 +22,15 @@
 
 class IptablesManager {
   public:
-    // The process-wide instance, built (skeleton commands run) on the first call.
+    // The process-wide instance, built (skeleton commands run) on the first call; null once
+    // clean_SLM_iptables() has torn the rules down, so that nothing is ever programmed again.
     static IptablesManager* instance();
     // Tears the rules down and frees the instance; does nothing when there is none.
     static void clean_SLM_iptables();
+    // Held by a control command for its whole run and by clean_SLM_iptables(): a command never
+    // overlaps the teardown, and the instance it got stays valid while it runs. Recursive, as
+    // the command's own calls take it again through instance().
+    static std::recursive_mutex& lifecycleMutex();
 
     IptablesManager();
     ~IptablesManager();
@@ -63,4 +69,5 @@ class IptablesManager {
     int whitelistForFlaggedInterfaces(bool metered, const std::vector<std::string>& uids);
 
     static IptablesManager* sInstance;
+    static bool sTornDown;
 };

@@ -198,12 +198,24 @@ int Parameters::getSLAVendorProp() {
 
 void Parameters::setWlanInterface(const char* name) {
     if (name == nullptr) return;
+    std::lock_guard<std::mutex> lock(textMutex_);
     copyName(wlanInterface, sizeof(wlanInterface), name);
 }
 
 void Parameters::setDataInterface(const char* name) {
     if (name == nullptr) return;
+    std::lock_guard<std::mutex> lock(textMutex_);
     copyName(dataInterface, sizeof(dataInterface), name);
+}
+
+std::string Parameters::getWlanInterface() const {
+    std::lock_guard<std::mutex> lock(textMutex_);
+    return wlanInterface;
+}
+
+std::string Parameters::getDataInterface() const {
+    std::lock_guard<std::mutex> lock(textMutex_);
+    return dataInterface;
 }
 
 char* Parameters::getStatsProtocols(char* buf, size_t size) {

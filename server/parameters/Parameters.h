@@ -121,10 +121,12 @@ class Parameters {
     std::vector<std::string> getDblWlanUidWhitelist() const;
     void updateuidwhitelist();
 
+    // The current Wi-Fi and cellular interface names the platform reports, cut to 15
+    // characters; set by the control thread, read as copies.
     void setWlanInterface(const char* name);
     void setDataInterface(const char* name);
-    const char* getWlanInterface() { return wlanInterface; }
-    const char* getDataInterface() { return dataInterface; }
+    std::string getWlanInterface() const;
+    std::string getDataInterface() const;
 
     // "protocols=<list>" and "ports=<list>" for the kernel module's control file, cut to fit
     // `size` bytes (the lists come from the configuration file and may be of any length).
@@ -149,8 +151,6 @@ class Parameters {
     std::vector<std::string> ifaceNames;
     uint8_t spare = 0;
     mlbd::Relaxed<uint32_t> operValues[OPER_MAX_ID + 1] = {};
-    char dataInterface[16] = {};
-    char wlanInterface[16] = {};
     char ifacesProp[PROP_VALUE_MAX] = {};
     char modeProp[PROP_VALUE_MAX] = {};
     std::string protocols;
@@ -209,6 +209,8 @@ class Parameters {
     std::vector<std::string> dblWlanUidWhitelist;
     std::string gamingUids;
     std::string rttServer;
+    char dataInterface[16] = {};
+    char wlanInterface[16] = {};
     std::string uid_whitelist;
     std::string dblWlanUidWhitelistStr;
 

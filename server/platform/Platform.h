@@ -12,6 +12,8 @@
  */
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 #ifndef PROP_VALUE_MAX
@@ -31,5 +33,9 @@ std::string devicePath(const char* path);
 
 // Sets up logging for the process; called once at the top of main().
 void initLogging();
+
+// Whether a peer of the control socket running as `uid` may send commands: root and the system
+// user; on a host also the user the daemon runs as.
+bool isControlClientUid(uid_t uid);
 
 }  // namespace mlbd

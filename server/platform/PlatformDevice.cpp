@@ -18,4 +18,9 @@ std::string devicePath(const char* path) {
 
 void initLogging() {}
 
+bool isControlClientUid(uid_t uid) {
+    // AID_ROOT and AID_SYSTEM.
+    return uid == 0 || uid == 1000;
+}
+
 }  // namespace mlbd

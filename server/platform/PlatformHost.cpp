@@ -161,4 +161,9 @@ void initLogging() {
     });
 }
 
+bool isControlClientUid(uid_t uid) {
+    // 1000 is the platform's system user.
+    return uid == 0 || uid == 1000 || uid == getuid();
+}
+
 }  // namespace mlbd

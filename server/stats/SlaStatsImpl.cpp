@@ -97,12 +97,18 @@ bool isMetered(Parameters* params, const std::string& name) {
 
 }  // namespace
 
+// Guards the instance pointer: the control thread may ask for the instance while the main
+// thread is still starting up.
+static std::mutex sInstanceMutex;
+
 SlaStatsImpl* SlaStatsImpl::instance() {
+    std::lock_guard<std::mutex> lock(sInstanceMutex);
     if (sInstance == nullptr) sInstance = new SlaStatsImpl();
     return sInstance;
 }
 
 void SlaStatsImpl::finalize() {
+    std::lock_guard<std::mutex> lock(sInstanceMutex);
     if (sInstance == nullptr) return;
     sInstance->freeMmap();
     delete sInstance;
