@@ -11,7 +11,7 @@ src="$(cd "$(dirname "$0")/.." && pwd)"
 build="${BUILD_DIR:-$src/build-fuzz}"
 seconds="${FUZZ_SECONDS:-20}"
 targets=(fuzz_sockdiag_dump fuzz_nl80211_attribute fuzz_nl80211_nested fuzz_nl80211_packet
-         fuzz_netlink_receive)
+         fuzz_netlink_receive fuzz_control_record)
 [ $# -gt 0 ] && targets=("$@")
 
 command -v clang++ >/dev/null || { echo "run-fuzz: clang++ is needed" >&2; exit 1; }
@@ -23,7 +23,8 @@ if ! grep -q "fuzz_nl80211_packet" "$build/build.ninja"; then
 fi
 cmake --build "$build" -j "${FUZZ_JOBS:-2}" --target "${targets[@]}"
 
-# Seeds: well-formed kernel replies of each kind, written little-endian as the kernel does.
+# Seeds: well-formed kernel replies of each kind, written little-endian as the kernel does, and
+# control records (host order, little-endian on every supported host) of each id.
 corpus="$build/fuzz-corpus"
 rm -rf "$corpus"
 python3 - "$corpus" <<'PY'
@@ -58,6 +59,11 @@ groups = attr(7, attr(1, attr(1, b"scan\0") + attr(2, struct.pack("<I", 5))) +
                  attr(2, attr(1, b"mlme\0") + attr(2, struct.pack("<I", 6))))
 family = genl(16, 1, attr(1, struct.pack("<H", 0x1c)) + attr(2, b"nl80211\0") + groups)
 
+def rec(cid, text, length=None):
+    text = text.encode() if isinstance(text, str) else text
+    length = len(text) if length is None else length
+    return struct.pack("<ii", cid, length) + text.ljust(1024, b"\0")
+
 seeds = {
     "fuzz_sockdiag_dump": [
         b"\x01" + chunks(diag(2, 1, 10001, attr(2, tcp_info)) + diag(10, 1, 0), done),
@@ -76,6 +82,17 @@ seeds = {
                          nlmsg(3, b"\0" * 4, seq=1)),
         b"\x00" + chunks(nlmsg(2, struct.pack("<i", -2) + b"\0" * 16, seq=1)),
         b"\x01" + chunks(family),
+    ],
+    "fuzz_control_record": [
+        rec(1, "10123,10234") + rec(1, "10123,10234") + rec(7, "10345") + rec(1, "NULL"),
+        rec(4, "100") + rec(4, "200") + rec(4, "200") + rec(4, "12x"),
+        rec(5, "10123,10234") + rec(5, "10123") + rec(6, "") + rec(6, ""),
+        rec(8, "0") + rec(8, "10123") + rec(8, "10456") + rec(8, "0"),
+        rec(9, "aa:bb:cc:dd:ee:ff") + rec(2, "wlan1") + rec(3, "ccmni0"),
+        rec(0, "x") + rec(10, "x") + rec(4, "300", length=1024) + rec(4, "300", length=-1) +
+            rec(9, b"a" * 1024),
+        # A short last receive: only the id is new, the rest is the previous record's.
+        rec(5, "10123") + struct.pack("<i", 1),
     ],
 }
 for target, items in seeds.items():
