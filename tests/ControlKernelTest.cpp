@@ -1,0 +1,333 @@
+// The daemon binary in a real kernel, driven through its control socket as the platform drives it.
+// Each test runs in a private network namespace: emulated links wlan0 (20 ms) and rmnet_data0
+// (160 ms, a metered link slower than the exit threshold) lead to a peer namespace that holds the
+// probe server 1.1.1.1:443, a game server 10.99.0.1:5060 and a call server 10.99.0.2:5060 (both
+// answer probes) and a web server 10.99.0.1:80. The statistics stand-in plays the kernel module;
+// the packet filter and routing rules are real, made through the host front-ends. Games and web
+// clients are child processes under their own UIDs; a flow's connection-tracking entry tells by
+// which link it left and with which mark.
+#include <arpa/inet.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "MlbdSocketServer.h"
+#include "util/Daemon.h"
+#include "util/EmulatedLinks.h"
+
+namespace {
+
+using namespace mlbd::test;
+using Flows = std::set<std::string>;
+
+constexpr uid_t kListed = 10001, kGame = 10002, kUnlisted = 10003, kCall = 10004;
+constexpr int kWaitMs = 30000;
+constexpr auto npos = std::string::npos;
+
+const char kRules[] = "(iptables-save -t mangle; iptables-save -t nat) | grep vexa_";
+
+// What `command` prints; by default the daemon's rules in mangle and nat.
+std::string output(const char* command = kRules) {
+    std::string out;
+    FILE* p = popen(command, "r");
+    char buf[4096];
+    for (size_t n; p && (n = fread(buf, 1, sizeof(buf), p)) > 0;) out.append(buf, n);
+    if (p) pclose(p);
+    return out;
+}
+
+// The tracked TCP flows as "DST:DPORT from SRC mark=M[ assured] sport=S", SRC being the address
+// the flow left with (its reply's destination, after masquerading).
+Flows flows() {
+    Flows out;
+    std::istringstream table(slurp("/proc/net/nf_conntrack"));
+    for (std::string line, word; std::getline(table, line);) {
+        std::map<std::string, std::vector<std::string>> f;
+        for (std::istringstream in(line); in >> word;) {
+            const size_t eq = word.find('=');
+            if (eq != npos) f[word.substr(0, eq)].push_back(word.substr(eq + 1));
+        }
+        if (line.find(" tcp ") == npos || f["dst"].size() < 2 || f["mark"].empty()) continue;
+        out.insert(f["dst"][0] + ":" + f["dport"][0] + " from " + f["dst"][1] +
+                   " mark=" + f["mark"][0] + (line.find("[ASSURED]") != npos ? " assured" : "") +
+                   " sport=" + f["sport"][0]);
+    }
+    return out;
+}
+
+// The flows that contain `what`, leaving out those in `old`.
+int count(const Flows& flows, const std::string& what, const Flows& old = {}) {
+    return std::count_if(flows.begin(), flows.end(), [&](const std::string& f) {
+        return f.find(what) != npos && old.count(f) == 0;
+    });
+}
+
+// Runs fn in a child that dies with the test process, under `uid` unless it is 0; its pid.
+pid_t forkAs(uid_t uid, const std::function<int()>& fn) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (uid && (setgroups(0, nullptr) != 0 || setgid(uid) != 0 || setuid(uid) != 0)) _exit(100);
+        _exit(fn() & 0xff);
+    }
+    return pid;
+}
+
+pid_t spawn(const std::string& command) {
+    return forkAs(
+            0, [&] { return execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr); });
+}
+
+// A stream socket connected to `addr`; -1 when that failed.
+template <typename Addr>
+int connectTo(const Addr& addr) {
+    const sockaddr* sa = reinterpret_cast<const sockaddr*>(&addr);
+    const int fd = socket(sa->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (connect(fd, sa, sizeof(addr)) == 0) return fd;
+    close(fd);
+    return -1;
+}
+const sockaddr_in kGameServer = {AF_INET, htons(5060), {htonl(0x0A630001)}, {}};  // 10.99.0.1
+const sockaddr_in kWebServer = {AF_INET, htons(80), {htonl(0x0A630001)}, {}};     // 10.99.0.1
+
+// What the game saw, in memory shared with it.
+struct GameState {
+    std::atomic<int> connects{0}, aborts{0};
+};
+
+class ControlKernelTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (access("/usr/sbin/iptables", X_OK) != 0) GTEST_SKIP() << "iptables is not installed";
+        std::string why;
+        if (!Netns::enterPrivate(&why)) GTEST_SKIP() << "real-kernel test skipped: " << why;
+        // Probes every 100 ms, each taken as it comes; one decision every 200 ms.
+        root_ = makeRoot("ping_interval_ms=100\nalpha_percent=100\nmini_est_interval=200\n");
+        ASSERT_NE("", root_);
+        ASSERT_TRUE(net_.startPeer());
+        ASSERT_TRUE(links_.start(net_, 20, 160, &why)) << why;
+        // The real front-ends instead of makeRoot's recorders; each interface's table routes over
+        // its own link.
+        ASSERT_EQ(0,
+                  Netns::run("cd " + root_ +
+                             " && ln -sf " MLBD_SOURCE_DIR
+                             "/tools/host/*-wrapper-1.0 system/bin/ && ln -s /proc/net/"
+                             "nf_conntrack proc/net/ && for i in wlan0 rmnet_data0; do "
+                             "system/bin/ip-wrapper-1.0 route add default dev $i table $i; done"));
+        ASSERT_EQ(0,
+                  net_.runInPeer("ip addr add 10.99.0.1 dev lo && ip addr add 10.99.0.2 dev lo"));
+        responder_ = spawn("nsenter --net=" + net_.peerPath() +
+                           " " MLBD_BINARY_DIR "/tools/rtt-responder --port 5060 2>/dev/null");
+        // The web server: the peer's kernel completes connections and never closes them, so
+        // their tracking entries stay.
+        web_ = net_.socketInPeer(AF_INET, SOCK_STREAM);
+        ASSERT_EQ(0,
+                  bind(web_, reinterpret_cast<const sockaddr*>(&kWebServer), sizeof(kWebServer)));
+        ASSERT_EQ(0, listen(web_, 64));
+        // The call's server as the kernel module reports it: decimal numbers in network order.
+        standin_ =
+                spawn(MLBD_BINARY_DIR "/tools/sla-standin --root " + root_ +
+                      " --iface wlan0 --iface rmnet_data0 --voip-state " +
+                      std::to_string(inet_addr("10.99.0.2")) + "," + std::to_string(htons(5060)));
+        ASSERT_TRUE(until([&] { return access((root_ + "/proc/sla/config").c_str(), F_OK) == 0; }));
+        game_ = static_cast<GameState*>(mmap(nullptr, sizeof(GameState), PROT_READ | PROT_WRITE,
+                                             MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+        ASSERT_NE(MAP_FAILED, game_);
+        new (game_) GameState();
+        ASSERT_GT(daemon_ = startDaemon(root_, root_ + "/mlbd.log"), 0);
+        ASSERT_TRUE(until([&] { return (control_ = connectControl()) >= 0; })) << log();
+    }
+    void TearDown() override {
+        if (control_ >= 0) close(control_);
+        for (pid_t* pid : {&gamePid_, &standin_, &responder_}) stop(pid);
+        links_.stop();
+        stopDaemon(daemon_);
+        for (const char* report :
+             {"WARNING: ThreadSanitizer", "ERROR: AddressSanitizer", "runtime error:"}) {
+            EXPECT_EQ(npos, log().find(report)) << log();
+        }
+        if (web_ >= 0) close(web_);
+        if (game_ != nullptr && game_ != MAP_FAILED) munmap(game_, sizeof(GameState));
+        if (!root_.empty()) Netns::run("rm -rf " + root_);
+    }
+
+    static void stop(pid_t* pid) {
+        if (*pid > 0) kill(*pid, SIGKILL), Netns::waitChild(*pid), *pid = -1;
+    }
+    int connectControl() const {
+        sockaddr_un addr = {AF_UNIX, {}};
+        (root_ + "/dev/socket/mlbd").copy(addr.sun_path, sizeof(addr.sun_path) - 1);
+        return connectTo(addr);
+    }
+    // Sends one control record, as the platform's client does.
+    bool command(int id, const std::string& text) {
+        msg_t msg = {id, static_cast<int32_t>(text.size()), {}};
+        text.copy(msg.message, sizeof(msg.message) - 1);
+        return send(control_, &msg, sizeof(msg), MSG_NOSIGNAL) == sizeof(msg);
+    }
+    std::string log() const { return slurp(root_ + "/mlbd.log"); }
+    std::string mlbdctlStatus() const {
+        return output(("MLBD_ROOT=" + root_ + " " MLBD_BINARY_DIR "/tools/mlbdctl status --json")
+                              .c_str());
+    }
+    static bool until(const std::function<bool()>& done) { return waitFor(done, kWaitMs); }
+    bool logged(const std::string& text) {
+        return until([&] { return log().find(text) != npos; });
+    }
+
+    // The game: holds one connection to its server, exchanging a 28-byte update for a 30-byte
+    // answer every 50 ms, and reconnects whenever it is cut off.
+    void startGame() {
+        GameState* game = game_;
+        gamePid_ = forkAs(kGame, [game] {
+            for (char buf[30] = {};; usleep(50000)) {
+                const int fd = connectTo(kGameServer);
+                game->connects += fd >= 0;
+                errno = 0;
+                while (fd >= 0 && send(fd, buf, 28, MSG_NOSIGNAL) == 28 &&
+                       recv(fd, buf, 30, MSG_WAITALL) == 30) {
+                    usleep(50000);
+                }
+                game->aborts += errno == ECONNABORTED || errno == ECONNRESET;
+                close(fd);
+            }
+            return 0;
+        });
+        ASSERT_TRUE(until([&] { return game_->connects > 0; }));
+    }
+
+    // No probe to `server` starts once the one in flight (at most 11 round trips of the slowest
+    // link) has ended.
+    void expectNoMoreProbes(const std::string& server) {
+        std::this_thread::sleep_for(std::chrono::seconds(3));
+        const Flows before = flows();
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+        EXPECT_EQ(0, count(flows(), server, before)) << log();
+    }
+
+    std::string root_;
+    Netns net_;
+    EmulatedLinks links_;
+    pid_t daemon_ = -1, standin_ = -1, responder_ = -1, gamePid_ = -1;
+    int control_ = -1, web_ = -1;
+    GameState* game_ = nullptr;
+};
+
+TEST_F(ControlKernelTest, GameMovesToTheFasterLinkAndBackUntilSelectionStops) {
+    ASSERT_TRUE(command(MLBD_CMD_START_SLS, std::to_string(kGame)));
+    ASSERT_TRUE(until([] { return output().find("--uid-owner 10002 -j vexa_sls_wlan0") != npos; }));
+    startGame();
+
+    // Wi-Fi slows down under the game: the game's server is probed over both links, the choice
+    // moves to cellular, and the game is cut off and reconnects over cellular, with its mark.
+    ASSERT_TRUE(links_.setDelay("wlan0", 300));
+    ASSERT_TRUE(until([&] {
+        return game_->aborts > 0 && count(flows(), "10.99.0.1:5060 from 10.77.2.2 mark=92") > 0;
+    })) << log();
+    EXPECT_GT(count(flows(), "10.99.0.1:5060 from 10.77.2.2 mark=0 assured"), 0);  // a probe
+    EXPECT_EQ(npos, log().find("perform switch wlan0"));
+
+    // Wi-Fi recovers, below the entry threshold: the game comes back to it.
+    const int aborts = game_->aborts;
+    ASSERT_TRUE(links_.setDelay("wlan0", 20));
+    ASSERT_TRUE(until([&] {
+        return game_->aborts > aborts &&
+               count(flows(), "10.99.0.1:5060 from 10.77.1.2 mark=90") > 0;
+    })) << log();
+
+    // With the game gone, a slow RTT report starts probing again; stopping the selection removes
+    // its chains and ends the probes.
+    stop(&gamePid_);
+    const Flows before = flows();
+    ASSERT_TRUE(command(MLBD_CMD_SLS_RTT, "200"));
+    ASSERT_TRUE(until(
+            [&] { return count(flows(), "10.99.0.1:5060 from 10.77.2.2 mark=0", before) > 0; }));
+    ASSERT_TRUE(command(MLBD_CMD_STOP_SLS, ""));
+    ASSERT_TRUE(until([] { return output().find("vexa_sls_") == npos; })) << output();
+    expectNoMoreProbes("10.99.0.1:5060");
+}
+
+TEST_F(ControlKernelTest, CallMovesTheProbesToItsServerUntilItEnds) {
+    ASSERT_TRUE(command(MLBD_CMD_VOIP_STATUS, std::to_string(kCall)));
+    for (const std::string from : {"10.77.1.2", "10.77.2.2"}) {
+        EXPECT_TRUE(until([&] {
+            return count(flows(), "10.99.0.2:5060 from " + from + " mark=0 assured") > 0;
+        })) << from
+            << log();
+    }
+    EXPECT_NE(npos, output().find("--uid-owner 10004 -j vexa_sls_wlan0"));
+    EXPECT_TRUE(logged("perform switch wlan0"));
+
+    ASSERT_TRUE(command(MLBD_CMD_VOIP_STATUS, "0"));
+    ASSERT_TRUE(until([] { return output().find("vexa_sls_") == npos; })) << output();
+    expectNoMoreProbes("10.99.0.2:5060");
+}
+
+TEST_F(ControlKernelTest, WhitelistSteersWebTrafficAndShutDownUndoesEverything) {
+    ASSERT_TRUE(command(MLBD_CMD_START_SLS, std::to_string(kGame)));
+    startGame();
+    ASSERT_TRUE(command(MLBD_CMD_UID_WHITELIST, std::to_string(kListed)));
+    // Once the game's traffic is measured, Wi-Fi falls short and cellular takes the rest; from
+    // then on the ratio rules stay as they are.
+    ASSERT_TRUE(until([] {
+        const std::string r = output();
+        return r.find("--uid-owner 10001 -j vexa_fw_rmnet_data0") != npos &&
+               r.find("--probability 1.00000000000 -j vexa_fw_rmnet_data0_wrapper") != npos;
+    })) << log();
+
+    // Four web connections each: the listed UID's take a link by the ratio rules, with that
+    // link's mark; the unlisted UID's keep the main table, unmarked.
+    for (const uid_t uid : {kListed, kUnlisted}) {
+        EXPECT_EQ(0, Netns::waitChild(forkAs(uid, [] {
+                      int failed = 0;
+                      for (int i = 0; i < 4; ++i) failed += close(connectTo(kWebServer)) != 0;
+                      return failed;
+                  })));
+    }
+    const Flows web = flows();
+    EXPECT_EQ(4, count(web, "10.99.0.1:80 from 10.77.1.2 mark=90") +
+                         count(web, "10.99.0.1:80 from 10.77.2.2 mark=92"))
+            << output();
+    EXPECT_EQ(4, count(web, "10.99.0.1:80 from 10.77.1.2 mark=0"));
+    // mlbdctl reads the same back from the kernel.
+    const std::string status = mlbdctlStatus();
+    EXPECT_NE(npos, status.find("\"healthy\": true")) << status;
+    EXPECT_NE(npos, status.find("\"whitelist_uids\": [\"10001\"]")) << status;
+
+    // Shut-down: the game is cut off, the socket takes no new client, nothing of the steering is
+    // left, and the daemon parks (its main thread asleep after the clean-up line).
+    const int aborts = game_->aborts;
+    std::ofstream(root_ + "/properties/vendor.sla.enabled") << "2";
+    ASSERT_TRUE(logged("Slm disabled, starting cleanup..."));
+    ASSERT_TRUE(until([&] {
+        const long call = atol(slurp("/proc/" + std::to_string(daemon_) + "/syscall").c_str());
+        return call == SYS_clock_nanosleep || call == SYS_nanosleep;
+    }));
+    EXPECT_TRUE(until([&] { return game_->aborts > aborts; }));
+    EXPECT_EQ(-1, connectControl());
+    EXPECT_EQ("", output());
+    EXPECT_EQ("", output("ip -4 rule show pref 30000"));
+    EXPECT_NE(npos, mlbdctlStatus().find("\"present\": false"));
+
+    // The open connection is still read, but a start programs nothing. A record of no command
+    // comes last: once it is read, the one before it has run.
+    ASSERT_TRUE(command(MLBD_CMD_START_SLS, std::to_string(kUnlisted)));
+    ASSERT_TRUE(command(0, ""));
+    ASSERT_TRUE(logged("recv msg: msg.id=0")) << log();
+    EXPECT_EQ("", output());
+}
+
+}  // namespace
