@@ -4,6 +4,8 @@
  *   mlbdctl whitelist 10010,10011
  *   mlbdctl start-sls 10050 -- rtt 200          several commands, one connection, in order
  *   printf 'voip 10123\nvoip 0\n' | mlbdctl -   a script on standard input
+ *   mlbdctl status [--json]                    what the daemon has programmed, read from the
+ *                                              kernel (see mlbdctl_status.h); sends nothing
  *
  * The daemon serves one client for its whole life: the first connection made after it started.
  * A later connection is accepted by the kernel but never read, so a platform client and mlbdctl
@@ -25,6 +27,7 @@
 #include <vector>
 
 #include "MlbdSocketServer.h"
+#include "mlbdctl_status.h"
 #include "platform/Platform.h"
 
 namespace {
@@ -63,13 +66,18 @@ const Command kCommands[] = {
 void usage(FILE* out) {
     fprintf(out,
             "Usage: mlbdctl [--socket PATH] COMMAND [ARG] [-- COMMAND [ARG]]...\n"
-            "       mlbdctl [--socket PATH] -          (one command per line on stdin)\n\n"
+            "       mlbdctl [--socket PATH] -          (one command per line on stdin)\n"
+            "       mlbdctl status [--json]            (the steering as the kernel holds it)\n\n"
             "Commands:\n");
     for (const Command& c : kCommands) fprintf(out, "  %-19s %s\n", c.name, c.help);
     fprintf(out,
             "\nThe daemon serves only the first client that connects after it started, for its\n"
             "whole life; later connections are never read. Send all commands in one run.\n"
-            "--socket defaults to %s.\n",
+            "--socket defaults to %s.\n"
+            "status reads the rules, routing rules and tracked connections from the kernel\n"
+            "through the daemon's own front-ends; it sends nothing to the daemon. Exit: 0\n"
+            "healthy, 1 the kernel could not be read, 3 steering absent or rules missing,\n"
+            "duplicated or stray.\n",
             mlbd::devicePath(MLBD_SOCKET_PATH).c_str());
 }
 
@@ -148,7 +156,8 @@ bool encode(const std::vector<std::string>& words, msg_t* record, std::string* w
         memcpy(record->message, arg.data(), arg.size());
         return true;
     }
-    *why = "unknown command '" + words[0] + "' (see mlbdctl --help)";
+    *why = words[0] == "status" ? "status runs on its own: mlbdctl status [--json]"
+                                : "unknown command '" + words[0] + "' (see mlbdctl --help)";
     return false;
 }
 
@@ -217,6 +226,8 @@ int main(int argc, char** argv) {
         } else if (word == "-" && argc == i + 1 && commands.size() == 1 &&
                    commands.back().empty()) {
             fromStdin = true;
+        } else if (word == "status" && commands.size() == 1 && commands.back().empty()) {
+            return mlbd::statusMain(std::vector<std::string>(argv + i + 1, argv + argc));
         } else if (word == "--") {
             commands.emplace_back();
         } else {
