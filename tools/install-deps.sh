@@ -2,7 +2,8 @@
 # Installs what building, running and testing mlbd on a Debian host needs.
 set -euo pipefail
 pkgs=(build-essential cmake ninja-build clang libgtest-dev libgmock-dev libbenchmark-dev
-      android-liblog-dev android-libbase-dev iptables iproute2 util-linux procps python3)
+      android-liblog-dev android-libbase-dev iptables iproute2 util-linux procps python3
+      python3-matplotlib)
 missing=()
 for p in "${pkgs[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" || missing+=("$p")
