@@ -139,8 +139,13 @@ void* socketThreadHandle(void*) {
     msg_t buffer;
     memset(&buffer, 0, sizeof(buffer));
 
-    const std::string path = mlbd::devicePath(MLBD_SOCKET_PATH);
-    const int fd = createSocket(path.c_str());
+    // A socket init made for the service comes first; without one the daemon makes its own.
+    int fd = mlbd::inheritedControlSocket("mlbd");
+    if (fd >= 0) {
+        LOGD("Using the control socket from init, sockfd=%d\n", fd);
+    } else {
+        fd = createSocket(mlbd::devicePath(MLBD_SOCKET_PATH).c_str());
+    }
     Parameters* params = Parameters::instance();
     if (fd < 0) {
         LOGE("create socket failed\n");

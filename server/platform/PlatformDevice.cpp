@@ -3,6 +3,8 @@
  * platform log as it is.
  */
 #include <cutils/properties.h>
+#include <cutils/sockets.h>
+#include <fcntl.h>
 
 #include "Platform.h"
 
@@ -21,6 +23,12 @@ void initLogging() {}
 bool isControlClientUid(uid_t uid) {
     // AID_ROOT and AID_SYSTEM.
     return uid == 0 || uid == 1000;
+}
+
+int inheritedControlSocket(const char* name) {
+    const int fd = android_get_control_socket(name);
+    if (fd >= 0) fcntl(fd, F_SETFD, FD_CLOEXEC);
+    return fd;
 }
 
 }  // namespace mlbd

@@ -12,6 +12,8 @@
 #include <android/log.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <time.h>
@@ -164,6 +166,29 @@ void initLogging() {
 bool isControlClientUid(uid_t uid) {
     // 1000 is the platform's system user.
     return uid == 0 || uid == 1000 || uid == getuid();
+}
+
+int inheritedControlSocket(const char* name) {
+    // The same convention as on a device, so that a host run can hand the daemon its socket.
+    const char* text = getenv(("ANDROID_SOCKET_" + std::string(name)).c_str());
+    if (text == nullptr || *text == '\0') return -1;
+    char* end = nullptr;
+    errno = 0;
+    const long fd = strtol(text, &end, 10);
+    if (*end != '\0' || errno != 0 || fd < 0 || fd > INT_MAX) return -1;
+    int type = 0, domain = 0;
+    socklen_t size = sizeof(type);
+    if (getsockopt(static_cast<int>(fd), SOL_SOCKET, SO_TYPE, &type, &size) != 0 ||
+        type != SOCK_STREAM) {
+        return -1;
+    }
+    size = sizeof(domain);
+    if (getsockopt(static_cast<int>(fd), SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0 ||
+        domain != AF_UNIX) {
+        return -1;
+    }
+    fcntl(static_cast<int>(fd), F_SETFD, FD_CLOEXEC);
+    return static_cast<int>(fd);
 }
 
 }  // namespace mlbd
