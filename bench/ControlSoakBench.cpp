@@ -1,0 +1,259 @@
+/*
+ * Control-socket soak: the real daemon under a private MLBD_ROOT, one client connection kept for
+ * the whole run, N cycles of StartSlsServer/StopSlsServer (ids 5/6) and N cycles of call
+ * start/end (id 8 "10123" / "0"). The daemon's threads, open descriptors and VmRSS are measured
+ * after a warm-up cycle of each kind and again after the soak; any change in threads or
+ * descriptors, or RSS growth of 100 KB or more, fails the run (non-zero exit).
+ *
+ * Records go in lock step: each is sent once the control thread is back in its receive (the
+ * previous command and the receive pause are over), so the send-to-"recv msg" time is the
+ * delivery latency alone and the cycle time is the commands' own cost plus the pauses.
+ *
+ * Root; runs in a private network namespace with no links, so every probe fails at once.
+ *
+ *   build/bench/ControlSoakBench [cycles]     (default 500)
+ *
+ * SOAK_KEEP=1 in the environment keeps the root (the daemon's log, commands.log) for a look.
+ */
+#include <dirent.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "MlbdSocketServer.h"
+#include "util/Daemon.h"
+#include "util/Netns.h"
+
+using namespace mlbd::test;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr int kPauseMs = 5;
+constexpr int kRssLimitKb = 100;
+
+struct Usage {
+    long threads = 0, fds = 0, rssKb = 0;
+    // Threads by name and kernel wait point, descriptors by target; counted.
+    std::map<std::string, int> tasks, fdTargets;
+};
+
+std::vector<std::string> listDir(const std::string& dir) {
+    std::vector<std::string> names;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (dirent* e = readdir(d)) {
+            if (e->d_name[0] != '.') names.push_back(e->d_name);
+        }
+        closedir(d);
+    }
+    return names;
+}
+
+Usage measure(pid_t pid) {
+    const std::string proc = "/proc/" + std::to_string(pid);
+    Usage u;
+    const std::string status = slurp(proc + "/status");
+    for (const char* key : {"Threads:", "VmRSS:"}) {
+        const size_t at = status.find(key);
+        (key[0] == 'T' ? u.threads : u.rssKb) =
+                at == std::string::npos ? -1 : atol(status.c_str() + at + strlen(key));
+    }
+    for (const std::string& tid : listDir(proc + "/task")) {
+        std::string comm = slurp(proc + "/task/" + tid + "/comm");
+        if (!comm.empty() && comm.back() == '\n') comm.pop_back();
+        ++u.tasks[comm + " in " + slurp(proc + "/task/" + tid + "/wchan")];
+    }
+    for (const std::string& fd : listDir(proc + "/fd")) {
+        char target[256];
+        const ssize_t n = readlink((proc + "/fd/" + fd).c_str(), target, sizeof(target));
+        ++u.fdTargets[std::string(target, n > 0 ? n : 0)];
+        ++u.fds;
+    }
+    return u;
+}
+
+void printDiff(const char* what, const std::map<std::string, int>& a,
+               const std::map<std::string, int>& b) {
+    std::map<std::string, int> delta = b;
+    for (const auto& [name, n] : a) delta[name] -= n;
+    for (const auto& [name, n] : delta) {
+        if (n != 0) printf("  %s %+d: %s\n", what, n, name.c_str());
+    }
+}
+
+// The daemon and its root; both go on every way out.
+struct Run {
+    std::string root;
+    pid_t pid = -1;
+    int sock = -1, logFd = -1;
+    long recvLines = 0;  // "recv msg" lines seen so far in the daemon's log
+    long controlTid = 0;
+    std::string partial;
+    std::vector<double> latencyMs;
+
+    ~Run() {
+        if (sock >= 0) close(sock);
+        if (logFd >= 0) close(logFd);
+        stopDaemon(pid);
+        if (getenv("SOAK_KEEP")) return;
+        if (!root.empty() && system(("rm -rf " + root).c_str()) != 0) {
+            fprintf(stderr, "could not remove %s\n", root.c_str());
+        }
+    }
+
+    // Reads what the log gained; counts the "recv msg" lines and learns the control thread's id.
+    void scanLog() {
+        char buf[65536];
+        for (ssize_t n; (n = read(logFd, buf, sizeof(buf))) > 0;) partial.append(buf, n);
+        size_t start = 0;
+        for (size_t end; (end = partial.find('\n', start)) != std::string::npos; start = end + 1) {
+            const std::string line = partial.substr(start, end - start);
+            if (line.find("recv msg: msg.id=") == std::string::npos) continue;
+            ++recvLines;
+            long linePid = 0;  // threadtime: "MM-DD HH:MM:SS.mmm  PID  TID P TAG: message"
+            sscanf(line.c_str(), "%*s %*s %ld %ld", &linePid, &controlTid);
+        }
+        partial.erase(0, start);
+    }
+
+    // The control thread is blocked in its receive: the last command and its pause are over.
+    bool controlIdle() {
+        const std::string path =
+                "/proc/" + std::to_string(pid) + "/task/" + std::to_string(controlTid) + "/syscall";
+        const long call = atol(slurp(path).c_str());
+        return call == SYS_recvfrom || call == SYS_recvmsg;
+    }
+
+    bool send(int id, const char* text) {
+        if (controlTid != 0 && !waitFor([&] { return controlIdle(); }, 30000)) {
+            fprintf(stderr, "control thread %ld not back in its receive\n", controlTid);
+            return false;
+        }
+        msg_t msg = {};
+        msg.id = id;
+        msg.length = static_cast<int32_t>(strlen(text));
+        snprintf(msg.message, sizeof(msg.message), "%s", text);
+        const long expected = recvLines + 1;
+        const auto sent = Clock::now();
+        if (::send(sock, &msg, sizeof(msg), MSG_NOSIGNAL) != sizeof(msg)) {
+            perror("send");
+            return false;
+        }
+        for (scanLog(); recvLines < expected; scanLog()) {
+            if (Clock::now() - sent > std::chrono::seconds(30)) {
+                fprintf(stderr, "no \"recv msg\" line for id %d within 30 s\n", id);
+                return false;
+            }
+            usleep(100);
+        }
+        latencyMs.push_back(std::chrono::duration<double, std::milli>(Clock::now() - sent).count());
+        return true;
+    }
+
+    bool cycles(int n, int startId, const char* startText, int stopId, const char* stopText) {
+        for (int i = 0; i < n; ++i) {
+            if (!send(startId, startText) || !send(stopId, stopText)) return false;
+        }
+        return true;
+    }
+
+    // Waits for the last command to end, then for detached probe threads to leave.
+    Usage settle() {
+        waitFor([&] { return controlIdle(); }, 30000);
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+        return measure(pid);
+    }
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int n = std::max(1, argc > 1 ? atoi(argv[1]) : 500);
+    std::string why;
+    if (!Netns::enterPrivate(&why)) {
+        fprintf(stderr, "ControlSoakBench: %s\n", why.c_str());
+        return 1;
+    }
+    Run run;
+    run.root = makeRoot("ping_interval_ms=" + std::to_string(kPauseMs) + "\n");
+    if (run.root.empty()) return 1;
+    const std::string log = run.root + "/mlbd.log";
+    if ((run.pid = startDaemon(run.root, log)) < 0) return 1;
+    waitFor([&] { return (run.logFd = open(log.c_str(), O_RDONLY | O_CLOEXEC)) >= 0; }, 5000);
+    run.sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s%s", run.root.c_str(), MLBD_SOCKET_PATH);
+    auto connected = [&] {
+        return connect(run.sock, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+    };
+    if (run.logFd < 0 || !waitFor(connected, 20000)) {
+        fprintf(stderr, "could not connect to %s\n", addr.sun_path);
+        return 1;
+    }
+
+    if (!run.cycles(1, MLBD_CMD_START_SLS, "10050", MLBD_CMD_STOP_SLS, "") ||
+        !run.cycles(1, MLBD_CMD_VOIP_STATUS, "10123", MLBD_CMD_VOIP_STATUS, "0")) {
+        return 1;
+    }
+    const Usage before = run.settle();
+    run.latencyMs.clear();
+
+    const auto t0 = Clock::now();
+    if (!run.cycles(n, MLBD_CMD_START_SLS, "10050", MLBD_CMD_STOP_SLS, "")) return 1;
+    const auto t1 = Clock::now();
+    if (!run.cycles(n, MLBD_CMD_VOIP_STATUS, "10123", MLBD_CMD_VOIP_STATUS, "0")) return 1;
+    const auto t2 = Clock::now();
+    const Usage after = run.settle();
+
+    auto ms = [](Clock::duration d) {
+        return std::chrono::duration<double, std::milli>(d).count();
+    };
+    std::sort(run.latencyMs.begin(), run.latencyMs.end());
+    const std::vector<double>& lat = run.latencyMs;
+    printf("%-12s %10s %10s %10s\n", "", "before", "after", "delta");
+    printf("%-12s %10ld %10ld %+10ld\n", "threads", before.threads, after.threads,
+           after.threads - before.threads);
+    printf("%-12s %10ld %10ld %+10ld\n", "fds", before.fds, after.fds, after.fds - before.fds);
+    printf("%-12s %10ld %10ld %+10ld\n", "VmRSS (KB)", before.rssKb, after.rssKb,
+           after.rssKb - before.rssKb);
+    printf("%d SLS start/stop cycles: %.0f ms, %.2f ms per cycle\n", n, ms(t1 - t0),
+           ms(t1 - t0) / n);
+    printf("%d call start/end cycles: %.0f ms, %.2f ms per cycle\n", n, ms(t2 - t1),
+           ms(t2 - t1) / n);
+    printf("total %.1f s for %zu records (receive pause %d ms); send to \"recv msg\" line: "
+           "median %.3f ms, p99 %.3f ms\n",
+           ms(t2 - t0) / 1000, lat.size(), kPauseMs, lat[lat.size() / 2],
+           lat[lat.size() * 99 / 100]);
+
+    bool ok = true;
+    if (after.threads != before.threads) {
+        printf("FAIL: thread count changed by %+ld\n", after.threads - before.threads);
+        printDiff("thread", before.tasks, after.tasks);
+        ok = false;
+    }
+    if (after.fds != before.fds) {
+        printf("FAIL: descriptor count changed by %+ld\n", after.fds - before.fds);
+        printDiff("fd", before.fdTargets, after.fdTargets);
+        ok = false;
+    }
+    if (after.rssKb - before.rssKb >= kRssLimitKb) {
+        printf("FAIL: VmRSS grew by %ld KB (limit: below %d KB)\n", after.rssKb - before.rssKb,
+               kRssLimitKb);
+        ok = false;
+    }
+    if (ok) printf("PASS\n");
+    return ok ? 0 : 1;
+}
