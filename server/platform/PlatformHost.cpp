@@ -94,9 +94,17 @@ void writeRecord(int priority, const char* tag, const char* message) {
     }
 }
 
+#ifdef __ANDROID__
+// The platform's liblog (device test builds, which use this glue for its MLBD_ROOT paths).
+void liblogLogger(const struct __android_log_message* m) {
+    writeRecord(m ? m->priority : ANDROID_LOG_INFO, m ? m->tag : nullptr, m ? m->message : "");
+}
+#else
+// Debian's liblog.
 void liblogLogger(const struct __android_logger_data* data, const char* message) {
     writeRecord(data ? data->priority : ANDROID_LOG_INFO, data ? data->tag : nullptr, message);
 }
+#endif
 
 int severityToPriority(android::base::LogSeverity severity) {
     switch (severity) {
