@@ -115,7 +115,8 @@ void resetState() {
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
     mlbdFuzzQuietLogging(argc, argv);
-    char dir[] = "/tmp/mlbd-fuzz-control-XXXXXX";
+    std::string dirPath = mlbd::scratchDirectory() + "/mlbd-fuzz-control-XXXXXX";
+    char* dir = &dirPath[0];
     if (mkdtemp(dir) == nullptr) fail("mkdtemp failed", dir);
     const std::string root = dir;
     setenv("MLBD_ROOT", dir, 1);

@@ -16,6 +16,7 @@
 #include "iptables/IptablesManager.h"
 #include "iptables/execnetd.h"
 #include "parameters/Parameters.h"
+#include "platform/Platform.h"
 #include "wificond/net/netlink_utils.h"
 
 namespace {
@@ -138,7 +139,8 @@ struct Station : android::wificond::NetlinkUtils {
 };
 
 TEST(MlbdSocketServerTest, HandlersCallTheSubsystemsInOrder) {
-    char root[] = "/tmp/mlbd-control-XXXXXX";
+    std::string rootPath = mlbd::scratchDirectory() + "/mlbd-control-XXXXXX";
+    char* root = &rootPath[0];
     ASSERT_NE(nullptr, mkdtemp(root));
     setenv("MLBD_ROOT", root, 1);
     mkdir((std::string(root) + "/properties").c_str(), 0755);

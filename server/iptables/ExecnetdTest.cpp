@@ -9,11 +9,13 @@
 #include <sstream>
 
 #include "iptables/execnetd.h"
+#include "platform/Platform.h"
 
 namespace {
 
 TEST(ExecnetdTest, ArgumentsAreSplitAtBlanksAndNeverReachAShell) {
-    char pattern[] = "/tmp/execnetd-test.XXXXXX";
+    std::string patternPath = mlbd::scratchDirectory() + "/execnetd-test.XXXXXX";
+    char* pattern = &patternPath[0];
     ASSERT_NE(nullptr, mkdtemp(pattern));
     const std::string dir = pattern, pwned = dir + "/pwned";
     // Writes its arguments, one a line.

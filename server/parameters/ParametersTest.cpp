@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "Parameters.h"
+#include "platform/Platform.h"
 
 namespace {
 
@@ -14,7 +15,8 @@ using Strings = std::vector<std::string>;
 class ParametersTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/mlbd-params-XXXXXX";
+        std::string tmplPath = mlbd::scratchDirectory() + "/mlbd-params-XXXXXX";
+        char* tmpl = &tmplPath[0];
         ASSERT_NE(mkdtemp(tmpl), nullptr);
         setenv("MLBD_ROOT", (root = tmpl).c_str(), 1);
         ASSERT_EQ(system(("mkdir -p " + root + "/properties " + root + "/vendor/etc/sla").c_str()),

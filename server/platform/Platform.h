@@ -38,6 +38,9 @@ void initLogging();
 // user; on a host also the user the daemon runs as.
 bool isControlClientUid(uid_t uid);
 
+// A folder for scratch files: $TMPDIR, else /tmp on a host and /data/local/tmp on a device.
+std::string scratchDirectory();
+
 // The listening socket init made for the service's "socket NAME ..." line, passed in the
 // environment as ANDROID_SOCKET_NAME; -1 when there is none (or it is not a UNIX stream socket).
 // The descriptor is made close-on-exec.

@@ -5,6 +5,7 @@
 #include <cutils/properties.h>
 #include <cutils/sockets.h>
 #include <fcntl.h>
+#include <stdlib.h>
 
 #include "Platform.h"
 
@@ -23,6 +24,11 @@ void initLogging() {}
 bool isControlClientUid(uid_t uid) {
     // AID_ROOT and AID_SYSTEM.
     return uid == 0 || uid == 1000;
+}
+
+std::string scratchDirectory() {
+    const char* dir = getenv("TMPDIR");
+    return dir && *dir ? dir : "/data/local/tmp";
 }
 
 int inheritedControlSocket(const char* name) {

@@ -176,6 +176,15 @@ bool isControlClientUid(uid_t uid) {
     return uid == 0 || uid == 1000 || uid == getuid();
 }
 
+std::string scratchDirectory() {
+    const char* dir = getenv("TMPDIR");
+#ifdef __ANDROID__
+    return dir && *dir ? dir : "/data/local/tmp";
+#else
+    return dir && *dir ? dir : "/tmp";
+#endif
+}
+
 int inheritedControlSocket(const char* name) {
     // The same convention as on a device, so that a host run can hand the daemon its socket.
     const char* text = getenv(("ANDROID_SOCKET_" + std::string(name)).c_str());

@@ -17,7 +17,8 @@ namespace {
 class SlaStatsImplTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/mlbd-statsimpl-XXXXXX";
+        std::string tmplPath = mlbd::scratchDirectory() + "/mlbd-statsimpl-XXXXXX";
+        char* tmpl = &tmplPath[0];
         ASSERT_NE(mkdtemp(tmpl), nullptr);
         setenv("MLBD_ROOT", (root = tmpl).c_str(), 1);
         ASSERT_EQ(system(("mkdir -p " + root + "/proc/sla " + root + "/properties").c_str()), 0);

@@ -13,11 +13,14 @@
 #include <iterator>
 #include <thread>
 
+#include "platform/Platform.h"
+
 namespace mlbd {
 namespace test {
 
 std::string makeRoot(const std::string& conf) {
-    char tmpl[] = "/tmp/mlbd-daemon-XXXXXX";
+    std::string tmplPath = mlbd::scratchDirectory() + "/mlbd-daemon-XXXXXX";
+    char* tmpl = &tmplPath[0];
     if (mkdtemp(tmpl) == nullptr) return "";
     const std::string root = tmpl;
     if (system(("cd " + root + " && mkdir -p properties vendor/etc/sla system/bin proc/sla " +

@@ -10,6 +10,7 @@
 
 #include <filesystem>
 
+#include "platform/Platform.h"
 #include "util/Daemon.h"
 
 namespace mlbd {
@@ -55,7 +56,8 @@ void terminate(pid_t* pid) {
 
 bool EmulatedLinks::start(Netns& net, int wlanDelayMs, int cellDelayMs, std::string* why,
                           const std::string& serverAddr, int port) {
-    char tmpl[] = "/tmp/mlbd-links.XXXXXX";
+    std::string tmplPath = mlbd::scratchDirectory() + "/mlbd-links.XXXXXX";
+    char* tmpl = &tmplPath[0];
     if (emulator_ > 0 || mkdtemp(tmpl) == nullptr) {
         *why = emulator_ > 0 ? "already started" : "mkdtemp failed";
         return false;
