@@ -172,6 +172,7 @@ TEST(MlbdSocketServerTest, HandlersCallTheSubsystemsInOrder) {
         {6, "", cat({{"tcpmon.finalize"}, kStopProbes, slsChains("10123", false), {"voip.finalize", "sls.cleanup"}}), {}},
         {6, "", {}, {}},
         {8, "0", {}, {}},
+        {8, "4294967295", {}, {"E setVoipStatus rejecting call UID text '4294967295'"}},
         {8, "10123", voipStart({"10345", "10123"}, "10123"), {}},
         {8, "10456", {}, {}},
         {8, "0", cat({{"stats.instance", "stats.enableSlaVoipState(0,0)"}, kStopProbes, slsChains("10123", false), {"voip.finalize"}}), {}},
