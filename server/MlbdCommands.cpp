@@ -8,6 +8,7 @@
  * that would program rules or start probing do nothing; stopping still stops.
  */
 #include <android/log.h>
+#include <ctype.h>
 #include <errno.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -45,12 +46,15 @@ bool steeringTornDown() {
     return IptablesManager::instance() == nullptr;
 }
 
-// A whole text of decimal digits with an optional sign, in 32-bit range.
+// A whole text of decimal digits with an optional sign, in 32-bit range. White space around the
+// number is allowed (a client may end its text with a newline), other trailing text is not.
 bool parseDecimal(const char* text, int32_t* value) {
+    while (isspace(static_cast<unsigned char>(*text))) ++text;
     if (!((text[0] >= '0' && text[0] <= '9') || text[0] == '-' || text[0] == '+')) return false;
     errno = 0;
     char* end = nullptr;
     const long long parsed = strtoll(text, &end, 10);
+    while (isspace(static_cast<unsigned char>(*end))) ++end;
     if (end == text || *end != '\0' || errno == ERANGE || parsed < INT32_MIN ||
         parsed > INT32_MAX) {
         return false;

@@ -165,7 +165,7 @@ TEST(MlbdSocketServerTest, HandlersCallTheSubsystemsInOrder) {
         {7, "10345", {}, {}},
         {4, "100", {}, {update + "100 "}},
         {4, "250ms", {}, {"E updateSlsInterfacesRtt rejecting RTT text '250ms': not a decimal number"}},
-        {4, "200", {"sls.instance", "sls.threadResume", "sls.createRttThreads"}, {update + "200 "}},
+        {4, " 200\t", {"sls.instance", "sls.threadResume", "sls.createRttThreads"}, {update + " 200\t "}},
         {4, "200", {}, {update + "200 "}},
         {5, "10123", gamingStart({"10345", "10123"}, "10123"), {}},
         {5, "10999", {}, {}},
