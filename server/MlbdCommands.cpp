@@ -100,10 +100,10 @@ int updateSlsInterfacesRtt(const char* text) {
         LOGE("updateSlsInterfacesRtt rejecting RTT text '%.32s': not a decimal number", text);
         return -1;
     }
-    if (steeringTornDown()) return -1;
+    // Once torn down, nothing starts probing any more; the report is still logged.
     // Compared as unsigned values: a negative RTT counts as very high.
     if (static_cast<uint32_t>(rtt) > static_cast<uint32_t>(params->rtt_exit_threshold.load()) &&
-        !params->isServiceHighRtt()) {
+        !params->isServiceHighRtt() && !steeringTornDown()) {
         std::shared_ptr<SmartLinkSelection> sls = SmartLinkSelection::instance();
         sls->threadResume();
         sls->createRttThreads();

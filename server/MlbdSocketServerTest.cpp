@@ -193,7 +193,7 @@ TEST(MlbdSocketServerTest, HandlersCallTheSubsystemsInOrder) {
     run({
         {1, "10555", {}, {}},
         {7, "10666", {}, {}},
-        {4, "300", {}, {}},
+        {4, "300", {}, {update + "300 "}},
         {6, "", cat({{"tcpmon.finalize"}, kStopProbes, {"voip.finalize", "sls.cleanup"}}), {}},
         {5, "10123", {}, {}},
         {8, "0", cat({kStopProbes, {"voip.finalize"}}), {}},
