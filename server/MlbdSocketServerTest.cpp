@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
@@ -201,6 +202,34 @@ TEST(MlbdSocketServerTest, HandlersCallTheSubsystemsInOrder) {
     });
     // clang-format on
     mlbd_fakes::attachRecorder(nullptr);
+}
+
+// A fresh MLBD_ROOT and the server thread listening in it; the root.
+std::string startServer() {
+    std::string root = mlbd::scratchDirectory() + "/mlbd-server-XXXXXX";
+    if (mkdtemp(&root[0]) == nullptr || chmod(root.c_str(), 0755) != 0) return "";
+    setenv("MLBD_ROOT", root.c_str(), 1);
+    mkdir((root + "/dev").c_str(), 0755);
+    mkdir((root + "/dev/socket").c_str(), 0755);
+    mlbd::initLogging();
+    createSocketThreads(Parameters::instance());
+    for (int i = 0; i < 100 && access((root + MLBD_SOCKET_PATH).c_str(), F_OK) != 0; ++i)
+        usleep(10000);
+    usleep(100000);  // for the thread to reach accept()
+    return root;
+}
+
+// The shut-down wakes a server thread that never had a client: that is no failure.
+TEST(MlbdSocketServerTest, ShutDownBeforeAnyClientIsNoFailure) {
+    const std::string root = startServer();
+    CaptureStderr();
+    stopSocketThreads();
+    usleep(200000);
+    const std::string log = GetCapturedStderr();
+    std::filesystem::remove_all(root);
+    EXPECT_EQ(std::string::npos, log.find("accept fail")) << log;
+    EXPECT_NE(std::string::npos, log.find("D Mlbd-MlbdSocket-Server: control socket closed"))
+            << log;
 }
 
 }  // namespace
