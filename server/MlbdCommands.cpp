@@ -142,7 +142,9 @@ int StopSlsServer() {
     if (params == nullptr) return -1;
     if (!params->isGamingRunning()) return 0;
 
-    // The monitor goes first: it would otherwise resume the probes being stopped.
+    // The monitor goes first: it would otherwise resume the probes being stopped. finalize()
+    // alone, without instance() before it: instance() would make a monitor, and start its
+    // thread, only to stop it again when there is none.
     SlaTcpSocketMonitor::finalize();
     params->setServiceHighRtt(false);
     // The gaming list stays: the shut-down still resets those applications' sockets.

@@ -137,6 +137,8 @@ void SlaTcpSocketMonitor::poll() {
     if (paused) return;
     SockDiag diag;
     if (!diag.open()) {
+        // Without its sockets the dump could only fail: the cycle ends here, and the map stays
+        // as it was, as after a failed dump.
         LOGE("Error opening sock diag for polling TCP socket info");
         return;
     }
