@@ -282,12 +282,21 @@ const char* SmartLinkSelection::calcInterface() {
         LOGE("%s SLA_RTT_SELECTED current =  %s , prvious =%s", kFn, nameOf(current), nameOf(prev));
     }
     if (current != prev) {
+        // Once the rules are torn down (shut-down), no chain can carry the applications to the
+        // new link: moving the choice, or resetting their sockets, would only claim a switch
+        // that never happened. The choice stays where it was.
+        IptablesManager* rules = IptablesManager::instance();
+        if (rules == nullptr) {
+            LOGE("%s SLA_RTT_SELECTED no switch to %s: the steering rules are gone", kFn,
+                 nameOf(current));
+            current = prev;
+            return nameOf(current);
+        }
         LOGE("%s SLA_RTT_SELECTED perform switch %s ", kFn, nameOf(current));
         if (switchCount <= 0) lastSwitchTime = clock_();
         ++switchCount;
         // Failures are logged by the rule code; the applications reconnect over the new link.
-        IptablesManager* rules = IptablesManager::instance();
-        if (rules != nullptr) rules->set_SLS_interface(nameOf(current));
+        rules->set_SLS_interface(nameOf(current));
         for (const std::string& uid : params->getGamingUidList()) {
             android::net::killSocketsForUID(uid.c_str());
         }

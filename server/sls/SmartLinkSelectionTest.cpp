@@ -6,6 +6,7 @@
 #include <tuple>
 #include <vector>
 
+#include "iptables/IptablesManager.h"
 #include "iptables/execnetd.h"
 #include "parameters/Parameters.h"
 #include "sls/SmartLinkSelection.h"
@@ -231,6 +232,24 @@ TEST_F(SlsTest, VoipServerBecomesTheProbeTarget) {
     SmartLinkSelection::setVoipIpAddressAndPort();
     EXPECT_EQ("10.0.0.2", params_->getGamingRttServer());
     EXPECT_EQ(5060, params_->rttServerPort);
+}
+
+// Once the rules are torn down, a switch neither moves the choice nor resets any socket. (Last:
+// the teardown is for the life of the process.)
+TEST_F(SlsTest, NoSwitchOnceTheRulesAreGone) {
+    IptablesManager::instance();
+    IptablesManager::clean_SLM_iptables();
+    params_->setGamingUids("4000000000");
+    params_->populateGamingUids();
+    commands_.clear();
+    rec("wlan0")->speed = 85;
+    rec("rmnet_data0")->speed = 100;
+    sls_->current = rec("rmnet_data0");
+    CaptureStderr();
+    EXPECT_STREQ("rmnet_data0", sls_->calcInterface());
+    const std::string log = GetCapturedStderr();
+    EXPECT_EQ("rmnet_data0", sls_->current->name);
+    EXPECT_TRUE(commands_.lines().empty() && log.find("SLA_GAMING") == std::string::npos) << log;
 }
 
 }  // namespace
