@@ -71,6 +71,9 @@ TEST_F(SlsKernelTest, ProbeMeasuresTheLinkItIsBoundTo) {
     EXPECT_TRUE(logged("TCPing cacla rtt is " + std::to_string(wifi) + ",device is wlan0"));
     const int cell = probe("rmnet_data0");
     EXPECT_TRUE(cell >= 150 && cell < 170) << cell;
+    // A link faster than a millisecond measures 1 ms, not 0 (no measurement).
+    ASSERT_TRUE(links_.setDelay("wlan0", 0));
+    EXPECT_EQ(1, probe("wlan0")) << log_;
 
     // A name of 16 characters or more is cut to 15: the bind to the 15-character link succeeds
     // and only the connect fails (no route through it).

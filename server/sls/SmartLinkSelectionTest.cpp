@@ -92,6 +92,7 @@ TEST_F(SlsTest, SmoothingMissesAndFailure) {
         {"a miss re-feeds the last speed", 5, 5, 60, {35, -1}, 420, 420, 1, {}},
         {"alpha 100 takes the measurement", 5, 5, 100, {35, 77}, 77, 77, 0, {}},
         {"alpha 0 never moves", 5, 5, 0, {35, 77}, 1000, 1000, 0, {}},
+        {"a sub-millisecond link keeps a speed", 5, 5, 60, std::vector<int>(10, 1), 1, 1, 0, {}},
         {"the count saturates at the live limit", 5, 2, 60, {-1, -1, -1, -1}, -1, 1000, 2,
          {miss(1), pass1000, miss(2), fail, fail, fail}},
         {"made with min_ping_times 1: no smoothing", 1, 5, 60, {35, -1}, -1, 0, 0,
