@@ -68,6 +68,8 @@ TEST(SlaTcpSocketMonitorTest, CraftedEntriesAndChecks) {
     const int32_t penalty[] = {0, 0, 0, 0, 0, 0, 0, 200, 200, 200, 0, 0, 200, 0, 0, 0};
     const int32_t avg[] = {0, 0, 0, 90, 0, 0, 30, 0, 0, 60, 0, 0, 40, 0, 0, 213};
     const bool probe[] = {0, 0, 0, 0, 0, 1, 0, 1, 1, 0, 0, 0, 1, 0, 0, 1};
+    params->setVoipRunning(true);  // the penalty counts during a call, with the game on Wi-Fi
+    SmartLinkSelection::instance()->wifiChosen = true;
     for (int i = 0; i < 16; i++) {
         const uint32_t recv = i < 5 ? 5 : i, ack = i ? 1000 * i - 1 : 0;
         SlaTcpSocketMonitor::SlsSocket s = {0, recv, {}, 0, 0, 20999, seq[i] * 100, ack, {}};
@@ -79,6 +81,18 @@ TEST(SlaTcpSocketMonitorTest, CraftedEntriesAndChecks) {
         EXPECT_EQ(params->isGamingConnectStatus(), i != 5) << "check " << i;
         EXPECT_TRUE(params->isServiceHighRtt() == probe[i] && record->running == probe[i]) << i;
     }
+    // Without a call, or off Wi-Fi, a weak signal leaves the game's RTT as measured.
+    params->wifiRttPenaltyMs = 200;
+    for (bool call : {false, true}) {
+        params->setVoipRunning(call);
+        SmartLinkSelection::instance()->wifiChosen = !call;
+        SlaTcpSocketMonitor::SlsSocket s = {0, 99, {}, 0, 0, 20999, 0, 0, {}};
+        testing::internal::CaptureStderr();
+        m.locked([&] { m.checkGamingServerRtt(&s); });
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_NE(log.find("checkGamingServerRtt rtt is 20,"), log.npos) << log;
+    }
+    params->setVoipRunning(false);
 
     android::net::tcp_info_ext info = {};
     info.tcpi_segs_out = 3, info.tcpi_segs_in = 4, info.tcpi_rtt = 2, info.tcpi_rcv_ooopack = 5;

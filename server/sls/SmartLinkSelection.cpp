@@ -297,6 +297,7 @@ const char* SmartLinkSelection::calcInterface() {
         ++switchCount;
         // Failures are logged by the rule code; the applications reconnect over the new link.
         rules->set_SLS_interface(nameOf(current));
+        wifiChosen = startsWith(current->name, "wlan");
         for (const std::string& uid : params->getGamingUidList()) {
             android::net::killSocketsForUID(uid.c_str());
         }

@@ -181,6 +181,7 @@ TEST_F(SlsTest, ChoiceCases) {
         const bool switched = c.current == nullptr || strcmp(c.current, c.chosen) != 0;
         EXPECT_EQ(switched, logged(std::string("_SELECTED perform switch ") + c.chosen + " "));
         EXPECT_EQ(switched, !commands_.lines().empty()) << c.what;
+        EXPECT_TRUE(!switched || sls_->wifiChosen == (strncmp(c.chosen, "wlan", 4) == 0));
         if (switched && c.current != nullptr) {
             EXPECT_TRUE(logged(std::string("_SELECTED current =  ") + c.chosen +
                                " , prvious =" + c.current))
