@@ -199,7 +199,13 @@ int setVoipStatus(const char* text) {
         params->setGamingConnectStatus(false);
         std::shared_ptr<SmartLinkSelection> sls = SmartLinkSelection::instance();
         sls->threadStop();
-        sls->threadDestory();
+        // While gaming selection runs, its probe threads stay, idle. The gaming socket monitor
+        // only ever resumes and stops them, it never makes them: threads taken away here would
+        // leave the game's choice on frozen measurements until selection is restarted. (Making
+        // them again on resume instead would make the monitor's thread a second maker of probe
+        // threads beside this one, and two makers could start two threads for one link.) The
+        // stop of selection destroys them with the rest of the session.
+        if (!params->isGamingRunning()) sls->threadDestory();
         sls.reset();
         if (!tornDown) IptablesManager::instance()->cleanup_SLS_iptables_UID_chains();
         VoipStateMonitor::finalize();

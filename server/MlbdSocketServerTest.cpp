@@ -189,6 +189,9 @@ TEST(MlbdSocketServerTest, HandlersCallTheSubsystemsInOrder) {
         {4, "100", {}, {update + "100 "}, -1},
         {5, "10123", gamingStart({"10345", "10123"}, "10123"), {}},
         {8, "10124", voipStart({"10345", "10124"}, "10124"), {}},
+        // The call ends while gaming runs: the probe threads stay for the game.
+        {8, "0", cat({{"stats.instance", "stats.enableSlaVoipState(0,0)", "sls.instance", "sls.threadStop"}, slsChains("10124", false), {"voip.finalize"}}), {}},
+        {8, "10124", voipStart({"10345", "10124"}, "10124"), {}},
     });
     EXPECT_EQ((std::vector<uint8_t>{0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff}), Station::mac());
 
