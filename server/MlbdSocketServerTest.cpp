@@ -4,9 +4,6 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
@@ -136,7 +133,6 @@ void run(const std::vector<Row>& rows) {
 struct Station : android::wificond::NetlinkUtils {
     static std::vector<uint8_t> mac() {
         auto field = &Station::stationMac;
-        std::lock_guard<std::mutex> lock(NetlinkUtils::instance()->*(&Station::callMutex));
         uint8_t* mac = NetlinkUtils::instance()->*field;
         return {mac, mac + 6};
     }
@@ -208,53 +204,6 @@ TEST(MlbdSocketServerTest, HandlersCallTheSubsystemsInOrder) {
     });
     // clang-format on
     mlbd_fakes::attachRecorder(nullptr);
-}
-
-// A fresh MLBD_ROOT and the server thread listening in it; the root.
-std::string startServer() {
-    std::string root = mlbd::scratchDirectory() + "/mlbd-server-XXXXXX";
-    if (mkdtemp(&root[0]) == nullptr || chmod(root.c_str(), 0755) != 0) return "";
-    setenv("MLBD_ROOT", root.c_str(), 1);
-    std::filesystem::create_directories(root + "/dev/socket");
-    mlbd::initLogging();
-    createSocketThreads(Parameters::instance());
-    for (int i = 0; i < 100 && access((root + MLBD_SOCKET_PATH).c_str(), F_OK) != 0; ++i)
-        usleep(10000);
-    usleep(100000);  // for the thread to reach accept()
-    return root;
-}
-
-int connectTo(const std::string& root) {
-    sockaddr_un addr = {AF_UNIX, {}};
-    (root + MLBD_SOCKET_PATH).copy(addr.sun_path, sizeof(addr.sun_path) - 1);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    return connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 ? fd : -1;
-}
-
-// An application's client is logged and closed; the root client after it is served.
-TEST(MlbdSocketServerTest, OnlyRootOrSystemClientsAreServed) {
-    if (getuid() != 0) GTEST_SKIP() << "needs root to connect as an application";
-    const std::string root = startServer();
-    CaptureStderr();
-    const pid_t app = fork();
-    if (app == 0) {  // the application: its connection is closed without a byte
-        alarm(5);
-        char byte;
-        _exit(setuid(10050) != 0 || recv(connectTo(root), &byte, 1, 0) != 0);
-    }
-    int status = -1;
-    waitpid(app, &status, 0);
-    EXPECT_EQ(0, status);
-    const int client = connectTo(root);
-    msg_t msg = {MLBD_CMD_VOIP_BSSID, 17, "01:02:03:04:05:06"};
-    EXPECT_EQ(static_cast<ssize_t>(sizeof(msg)), send(client, &msg, sizeof(msg), 0));
-    for (int i = 0; i < 200 && Station::mac()[0] != 1; ++i) usleep(10000);
-    EXPECT_EQ((std::vector<uint8_t>{1, 2, 3, 4, 5, 6}), Station::mac());
-    const std::string log = GetCapturedStderr();
-    EXPECT_NE(std::string::npos, log.find("E Mlbd-MlbdSocket-Server: refusing control client pid=" +
-                                          std::to_string(app) + " uid=10050"))
-            << log;
-    std::filesystem::remove_all(root);
 }
 
 }  // namespace
