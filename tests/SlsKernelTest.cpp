@@ -155,17 +155,13 @@ TEST_F(SlsKernelTest, ProbeThreadsLifecycle) {
 // A call that ends during a game leaves the game's probing able to resume: on the socket
 // monitor's resume every link has a live probe thread again, which follows its link's delay.
 TEST_F(SlsKernelTest, ProbingResumesAfterACallEndsDuringAGame) {
-    Parameters* params = Parameters::instance();
-    setCommandParameters(params);
-    ASSERT_EQ(0, StartSlsServer("10050"));
-    ASSERT_EQ(0, setVoipStatus("10060"));
-    ASSERT_EQ(0, setVoipStatus("0"));
-    params->alpha_percent = 100;  // each probe's RTT as it comes
+    setCommandParameters(Parameters::instance());
+    ASSERT_TRUE(!StartSlsServer("10050") && !setVoipStatus("10060") && !setVoipStatus("0"));
+    Parameters::instance()->alpha_percent = 100;  // each probe's RTT as it comes
     std::shared_ptr<SmartLinkSelection> sls = SmartLinkSelection::instance();
     sls->threadResume();  // as the monitor does when the game's RTT rises
-    for (const auto& [name, rec] : sls->records()) {
+    for (const auto& [name, rec] : sls->records())
         EXPECT_TRUE(rec->alive && rec->thread != InterfaceRtt::kNoThread) << name;
-    }
     ASSERT_TRUE(links_.setDelay("wlan0", 100));
     const std::shared_ptr<InterfaceRtt> wifi = sls->records().at("wlan0");
     EXPECT_TRUE(waitFor([&] { return wifi->speed >= 100; }, 5000)) << wifi->speed;
