@@ -8,6 +8,7 @@
  * that would program rules or start probing do nothing; stopping still stops.
  */
 #include <android/log.h>
+#include <ctype.h>
 #include <errno.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -45,12 +46,15 @@ bool steeringTornDown() {
     return IptablesManager::instance() == nullptr;
 }
 
-// A whole text of decimal digits with an optional sign, in 32-bit range.
+// A whole text of decimal digits with an optional sign, in 32-bit range. White space around the
+// number is allowed (a client may end its text with a newline), other trailing text is not.
 bool parseDecimal(const char* text, int32_t* value) {
+    while (isspace(static_cast<unsigned char>(*text))) ++text;
     if (!((text[0] >= '0' && text[0] <= '9') || text[0] == '-' || text[0] == '+')) return false;
     errno = 0;
     char* end = nullptr;
     const long long parsed = strtoll(text, &end, 10);
+    while (isspace(static_cast<unsigned char>(*end))) ++end;
     if (end == text || *end != '\0' || errno == ERANGE || parsed < INT32_MIN ||
         parsed > INT32_MAX) {
         return false;
@@ -96,10 +100,10 @@ int updateSlsInterfacesRtt(const char* text) {
         LOGE("updateSlsInterfacesRtt rejecting RTT text '%.32s': not a decimal number", text);
         return -1;
     }
-    if (steeringTornDown()) return -1;
+    // Once torn down, nothing starts probing any more; the report is still logged.
     // Compared as unsigned values: a negative RTT counts as very high.
     if (static_cast<uint32_t>(rtt) > static_cast<uint32_t>(params->rtt_exit_threshold.load()) &&
-        !params->isServiceHighRtt()) {
+        !params->isServiceHighRtt() && !steeringTornDown()) {
         std::shared_ptr<SmartLinkSelection> sls = SmartLinkSelection::instance();
         sls->threadResume();
         sls->createRttThreads();
@@ -138,7 +142,9 @@ int StopSlsServer() {
     if (params == nullptr) return -1;
     if (!params->isGamingRunning()) return 0;
 
-    // The monitor goes first: it would otherwise resume the probes being stopped.
+    // The monitor goes first: it would otherwise resume the probes being stopped. finalize()
+    // alone, without instance() before it: instance() would make a monitor, and start its
+    // thread, only to stop it again when there is none.
     SlaTcpSocketMonitor::finalize();
     params->setServiceHighRtt(false);
     // The gaming list stays: the shut-down still resets those applications' sockets.
@@ -193,7 +199,13 @@ int setVoipStatus(const char* text) {
         params->setGamingConnectStatus(false);
         std::shared_ptr<SmartLinkSelection> sls = SmartLinkSelection::instance();
         sls->threadStop();
-        sls->threadDestory();
+        // While gaming selection runs, its probe threads stay, idle. The gaming socket monitor
+        // only ever resumes and stops them, it never makes them: threads taken away here would
+        // leave the game's choice on frozen measurements until selection is restarted. (Making
+        // them again on resume instead would make the monitor's thread a second maker of probe
+        // threads beside this one, and two makers could start two threads for one link.) The
+        // stop of selection destroys them with the rest of the session.
+        if (!params->isGamingRunning()) sls->threadDestory();
         sls.reset();
         if (!tornDown) IptablesManager::instance()->cleanup_SLS_iptables_UID_chains();
         VoipStateMonitor::finalize();

@@ -167,7 +167,18 @@ void* socketThreadHandle(void*) {
     }
     const int client = acceptFd >= 0 && listen(acceptFd, 2) == 0 ? acceptClient(acceptFd) : -1;
     if (client < 0) {
-        LOGE("accept fail, error=%s\n", strerror(errno));
+        const int error = errno;
+        bool stopped;
+        {
+            std::lock_guard<std::mutex> lock(gListenMutex);
+            stopped = gStopped;
+        }
+        // The shut-down ends the wait for a client by shutting the socket down: not a failure.
+        if (stopped) {
+            LOGD("control socket closed at shut-down, no client was served\n");
+        } else {
+            LOGE("accept fail, error=%s\n", strerror(error));
+        }
         if (acceptFd >= 0) close(acceptFd);
         closeListening(false);
         return nullptr;

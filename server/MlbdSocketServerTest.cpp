@@ -165,13 +165,14 @@ TEST(MlbdSocketServerTest, HandlersCallTheSubsystemsInOrder) {
         {7, "10345", {}, {}},
         {4, "100", {}, {update + "100 "}},
         {4, "250ms", {}, {"E updateSlsInterfacesRtt rejecting RTT text '250ms': not a decimal number"}},
-        {4, "200", {"sls.instance", "sls.threadResume", "sls.createRttThreads"}, {update + "200 "}},
+        {4, " 200\t", {"sls.instance", "sls.threadResume", "sls.createRttThreads"}, {update + " 200\t "}},
         {4, "200", {}, {update + "200 "}},
         {5, "10123", gamingStart({"10345", "10123"}, "10123"), {}},
         {5, "10999", {}, {}},
         {6, "", cat({{"tcpmon.finalize"}, kStopProbes, slsChains("10123", false), {"voip.finalize", "sls.cleanup"}}), {}},
         {6, "", {}, {}},
         {8, "0", {}, {}},
+        {8, "4294967295", {}, {"E setVoipStatus rejecting call UID text '4294967295'"}},
         {8, "10123", voipStart({"10345", "10123"}, "10123"), {}},
         {8, "10456", {}, {}},
         {8, "0", cat({{"stats.instance", "stats.enableSlaVoipState(0,0)"}, kStopProbes, slsChains("10123", false), {"voip.finalize"}}), {}},
@@ -184,6 +185,9 @@ TEST(MlbdSocketServerTest, HandlersCallTheSubsystemsInOrder) {
         {4, "100", {}, {update + "100 "}, -1},
         {5, "10123", gamingStart({"10345", "10123"}, "10123"), {}},
         {8, "10124", voipStart({"10345", "10124"}, "10124"), {}},
+        // The call ends while gaming runs: the probe threads stay for the game.
+        {8, "0", cat({{"stats.instance", "stats.enableSlaVoipState(0,0)", "sls.instance", "sls.threadStop"}, slsChains("10124", false), {"voip.finalize"}}), {}},
+        {8, "10124", voipStart({"10345", "10124"}, "10124"), {}},
     });
     EXPECT_EQ((std::vector<uint8_t>{0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff}), Station::mac());
 
@@ -192,7 +196,7 @@ TEST(MlbdSocketServerTest, HandlersCallTheSubsystemsInOrder) {
     run({
         {1, "10555", {}, {}},
         {7, "10666", {}, {}},
-        {4, "300", {}, {}},
+        {4, "300", {}, {update + "300 "}},
         {6, "", cat({{"tcpmon.finalize"}, kStopProbes, {"voip.finalize", "sls.cleanup"}}), {}},
         {5, "10123", {}, {}},
         {8, "0", cat({kStopProbes, {"voip.finalize"}}), {}},

@@ -148,6 +148,16 @@ class ControlKernelTest : public ::testing::Test {
         ASSERT_NE(MAP_FAILED, game_);
         new (game_) GameState();
         ASSERT_GT(daemon_ = startDaemon(root_, root_ + "/mlbd.log"), 0);
+        // An application's client is refused and closed; the root client after it is served.
+        ASSERT_EQ(0, chmod(root_.c_str(), 0755));
+        EXPECT_EQ(0, Netns::waitChild(forkAs(kUnlisted, [this] {
+                      int fd = -1;
+                      for (int i = 0; i < 500 && (fd = connectControl()) < 0; ++i) usleep(20000);
+                      char byte;
+                      alarm(5);  // a client that is served would wait here for ever
+                      return static_cast<int>(recv(fd, &byte, 1, 0));
+                  })));
+        EXPECT_TRUE(logged("refusing control client pid=")) << log();
         ASSERT_TRUE(until([&] { return (control_ = connectControl()) >= 0; })) << log();
     }
     void TearDown() override {

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <thread>
 
+#include "MlbdSocketServer.h"
 #include "parameters/Parameters.h"
 #include "sls/SmartLinkSelection.h"
 #include "sls/Tcping.h"
@@ -71,6 +72,9 @@ TEST_F(SlsKernelTest, ProbeMeasuresTheLinkItIsBoundTo) {
     EXPECT_TRUE(logged("TCPing cacla rtt is " + std::to_string(wifi) + ",device is wlan0"));
     const int cell = probe("rmnet_data0");
     EXPECT_TRUE(cell >= 150 && cell < 170) << cell;
+    // A link faster than a millisecond measures 1 ms, not 0 (no measurement).
+    ASSERT_TRUE(links_.setDelay("wlan0", 0));
+    EXPECT_EQ(1, probe("wlan0")) << log_;
 
     // A name of 16 characters or more is cut to 15: the bind to the 15-character link succeeds
     // and only the connect fails (no route through it).
@@ -146,6 +150,22 @@ TEST_F(SlsKernelTest, ProbeThreadsLifecycle) {
     SmartLinkSelection::finalize();
     sls.reset();
     EXPECT_TRUE(waitFor([&] { return weakWifi.expired() && weakCell.expired(); }, 5000));
+}
+
+// A call that ends during a game leaves the game's probing able to resume: on the socket
+// monitor's resume every link has a live probe thread again, which follows its link's delay.
+TEST_F(SlsKernelTest, ProbingResumesAfterACallEndsDuringAGame) {
+    setCommandParameters(Parameters::instance());
+    ASSERT_TRUE(!StartSlsServer("10050") && !setVoipStatus("10060") && !setVoipStatus("0"));
+    Parameters::instance()->alpha_percent = 100;  // each probe's RTT as it comes
+    std::shared_ptr<SmartLinkSelection> sls = SmartLinkSelection::instance();
+    sls->threadResume();  // as the monitor does when the game's RTT rises
+    for (const auto& [name, rec] : sls->records())
+        EXPECT_TRUE(rec->alive && rec->thread != InterfaceRtt::kNoThread) << name;
+    ASSERT_TRUE(links_.setDelay("wlan0", 100));
+    const std::shared_ptr<InterfaceRtt> wifi = sls->records().at("wlan0");
+    EXPECT_TRUE(waitFor([&] { return wifi->speed >= 100; }, 5000)) << wifi->speed;
+    StopSlsServer();
 }
 
 }  // namespace

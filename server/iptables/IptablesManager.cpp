@@ -126,7 +126,9 @@ bool IptablesManager::isValidUidText(const std::string& uid) {
     for (char c : uid) {
         if (c < '0' || c > '9') return false;
     }
-    return uid.size() == 1 || uid[0] != '0';
+    // Ten digits reach past the user ids: 4294967295 is the kernel's "no user", and above it
+    // the number does not fit in 32 bits at all.
+    return (uid.size() == 1 || uid[0] != '0') && strtoull(uid.c_str(), nullptr, 10) < 4294967295u;
 }
 
 std::recursive_mutex& IptablesManager::lifecycleMutex() {

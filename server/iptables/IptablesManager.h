@@ -9,7 +9,8 @@
  * when every command could be started and non-zero otherwise, after still attempting them all.
  *
  * UID texts are refused (logged at ERROR and skipped, without counting as a failure) unless they
- * are 1 to 10 decimal digits without a leading zero (or "0" itself); see isValidUidText().
+ * are 1 to 10 decimal digits without a leading zero (or "0" itself) of at most 4294967294; see
+ * isValidUidText().
  */
 #pragma once
 
@@ -58,7 +59,7 @@ class IptablesManager {
     int set_SLS_interface(const char* ifaceName);
 
     // True when `uid` may enter a command line: 1 to 10 decimal digits, no leading zero unless
-    // it is "0" (iptables would read a leading zero as octal).
+    // it is "0" (iptables would read a leading zero as octal), and a user id (4294967294 at most).
     static bool isValidUidText(const std::string& uid);
 
   private:

@@ -137,6 +137,8 @@ void SlaTcpSocketMonitor::poll() {
     if (paused) return;
     SockDiag diag;
     if (!diag.open()) {
+        // Without its sockets the dump could only fail: the cycle ends here, and the map stays
+        // as it was, as after a failed dump.
         LOGE("Error opening sock diag for polling TCP socket info");
         return;
     }
@@ -241,8 +243,15 @@ void SlaTcpSocketMonitor::checkGamingServerConnectStatus(SlsSocket* sock) {
 
 void SlaTcpSocketMonitor::checkGamingServerRtt(SlsSocket* sock) {
     if (sock == nullptr) return;
+    // The Wi-Fi penalty counts only during a call, and only while the selection steers the
+    // traffic over Wi-Fi, as for the probes: outside a call (the penalty is not cleared when the
+    // VoIP monitor stops) a weak signal would make even a cellular connection look slow and keep
+    // probing running for the whole session. Before the first switch the link is not known;
+    // during a call the probes run and the choice is made every cycle anyway.
+    std::shared_ptr<SmartLinkSelection> sls = SmartLinkSelection::existing();
+    const bool penalised = params_->isVoipRunning() && sls && sls->wifiChosen;
     const int32_t rtt = saturateToInt32(static_cast<int64_t>(sock->rtt / 1000) +
-                                        params_->wifiRttPenaltyMs.load());
+                                        (penalised ? params_->wifiRttPenaltyMs.load() : 0));
     // Every third call averages the slots; the average is carried on in slot 0 and the calls in
     // between only collect samples (and report 0).
     int32_t seqAvg;

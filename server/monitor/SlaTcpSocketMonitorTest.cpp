@@ -55,23 +55,29 @@ TEST(SlaTcpSocketMonitorTest, CraftedEntriesAndChecks) {
     TestMonitor m;
     // The paused monitor's own thread does nothing while the map is empty: the checks first, on a
     // connection with an RTT of 20 ms. Check i (from 0) sees recv_cnt 5 up to i = 5 and i after,
-    // last_ack_recv_time 1000 * i - 1 (0 at first), seq_rtt (/100 here) and the Wi-Fi penalty;
-    // then the seq_rtt average logged (every third check averages) and whether probing runs:
+    // last_ack_recv_time 1000 * i - 1 (0 at first), seq_rtt (/100 here) and the Wi-Fi penalty,
+    // which counts during a call with the game on Wi-Fi (all but 16 and 17); then the seq_rtt
+    // average logged (every third check averages) and whether probing runs:
     //   0-1    the ACK gap of check 1 is short of a second;
     //   2-5    stalled: the same seq_rtt twice, then (seq_rtt 0) the same RTT twice; the fourth in
     //          a row resumes probing (and clears the connect status);
     //   6-7    progress at a low RTT stops probing; with the Wi-Fi penalty the RTT is high;
     //   8-10   a low average beside a high RTT stops probing, a low RTT alone does not start it;
     //   11-15  a high RTT starts it even beside a low average, a low RTT stops it, a high average
-    //          alone starts it.
-    const uint32_t seq[] = {90, 90, 90, 90, 0, 0, 120, 120, 30, 30, 30, 30, 30, 300, 300, 300};
-    const int32_t penalty[] = {0, 0, 0, 0, 0, 0, 0, 200, 200, 200, 0, 0, 200, 0, 0, 0};
-    const int32_t avg[] = {0, 0, 0, 90, 0, 0, 30, 0, 0, 60, 0, 0, 40, 0, 0, 213};
-    const bool probe[] = {0, 0, 0, 0, 0, 1, 0, 1, 1, 0, 0, 0, 1, 0, 0, 1};
-    for (int i = 0; i < 16; i++) {
+    //          alone starts it;
+    //   16-17  without a call, or off Wi-Fi, the penalty leaves the RTT low: probing stops, and
+    //          does not start again.
+    const uint32_t seq[] = {90, 90, 90, 90, 0,   0,   120, 120, 30,
+                            30, 30, 30, 30, 300, 300, 300, 0,   0};
+    const int32_t penalty[] = {0, 0, 0, 0, 0, 0, 0, 200, 200, 200, 0, 0, 200, 0, 0, 0, 200, 200};
+    const int32_t avg[] = {0, 0, 0, 90, 0, 0, 30, 0, 0, 60, 0, 0, 40, 0, 0, 213, 0, 0};
+    const bool probe[] = {0, 0, 0, 0, 0, 1, 0, 1, 1, 0, 0, 0, 1, 0, 0, 1, 0, 0};
+    for (int i = 0; i < 18; i++) {
         const uint32_t recv = i < 5 ? 5 : i, ack = i ? 1000 * i - 1 : 0;
         SlaTcpSocketMonitor::SlsSocket s = {0, recv, {}, 0, 0, 20999, seq[i] * 100, ack, {}};
         params->wifiRttPenaltyMs = penalty[i];
+        params->setVoipRunning(i != 16);
+        SmartLinkSelection::instance()->wifiChosen = i != 17;
         testing::internal::CaptureStderr();
         m.locked([&] { m.checkGamingServerConnectStatus(&s), m.checkGamingServerRtt(&s); });
         const std::string log = testing::internal::GetCapturedStderr();
@@ -79,6 +85,7 @@ TEST(SlaTcpSocketMonitorTest, CraftedEntriesAndChecks) {
         EXPECT_EQ(params->isGamingConnectStatus(), i != 5) << "check " << i;
         EXPECT_TRUE(params->isServiceHighRtt() == probe[i] && record->running == probe[i]) << i;
     }
+    params->setVoipRunning(false);
 
     android::net::tcp_info_ext info = {};
     info.tcpi_segs_out = 3, info.tcpi_segs_in = 4, info.tcpi_rtt = 2, info.tcpi_rcv_ooopack = 5;

@@ -11,10 +11,13 @@
 #include <errno.h>
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <chrono>
 
 namespace android {
 namespace net {
@@ -36,6 +39,10 @@ constexpr size_t kAckSize = sizeof(nlmsghdr) + sizeof(nlmsgerr);
 static_assert(kAckSize == 36, "acknowledgements are read as 36 bytes");
 
 constexpr size_t kDumpBufferSize = 8192;
+// The longest a dump may take, from its first read to its last part. A reply that never ends (no
+// NLMSG_DONE, however it was broken) would otherwise hold the reader, and any lock it holds
+// (the socket monitor's), for ever; a real dump of thousands of sockets takes milliseconds.
+constexpr int kDumpTimeoutMs = 1000;
 // The attributes of a dump reply start after the netlink header and the inet_diag_msg.
 constexpr uint32_t kDiagMsgEnd = NLMSG_LENGTH(sizeof(inet_diag_msg));
 
@@ -154,17 +161,25 @@ int SockDiag::walkDumpBuffer(const uint8_t* buf, size_t len,
 int SockDiag::readDump(const std::function<void(const nlmsghdr*)>& onMessage) {
     alignas(8) uint8_t buf[kDumpBufferSize];
     memset(buf, 0, sizeof(buf));
-    ssize_t bytesread;
-    do {
-        bytesread = read(mDumpSock, buf, sizeof(buf));
+    const auto deadline =
+            std::chrono::steady_clock::now() + std::chrono::milliseconds(kDumpTimeoutMs);
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+        pollfd pfd = {mDumpSock, POLLIN, 0};
+        const int ready = left.count() > 0 ? poll(&pfd, 1, static_cast<int>(left.count())) : 0;
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready < 0) return -errno;
+        if (ready == 0) return -ETIMEDOUT;
+        const ssize_t bytesread = read(mDumpSock, buf, sizeof(buf));
         if (bytesread < 0) return -errno;
+        if (bytesread == 0) return 0;
         if (bytesread >= static_cast<ssize_t>(sizeof(nlmsghdr))) {
             bool finished = false;
             int ret = walkDumpBuffer(buf, static_cast<size_t>(bytesread), onMessage, &finished);
             if (finished) return ret;
         }
-    } while (bytesread > 0);
-    return 0;
+    }
 }
 
 int SockDiag::readDiagMsg(uint8_t proto, const DestroyFilter& shouldDestroy) {

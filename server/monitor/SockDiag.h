@@ -166,7 +166,8 @@ class SockDiag {
     static const tcp_info_ext* findTcpInfo(const nlmsghdr* nlh, uint32_t* len);
 
   protected:
-    // Reads the dump socket until the dump ends, handing every message to onMessage.
+    // Reads the dump socket until the dump ends, handing every message to onMessage; -ETIMEDOUT
+    // when it has not ended within a second.
     int readDump(const std::function<void(const nlmsghdr*)>& onMessage);
 
     // The sockets are protected so that tests can serve crafted replies from socketpairs.

@@ -5,6 +5,7 @@
 #include <sys/fsuid.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <map>
 
 #include "SockDiag.h"
@@ -42,6 +43,13 @@ TEST(SockDiagTest, TcpInfoDumpOnCraftedReplies) {
     }),
               -ENOBUFS);
     EXPECT_EQ(lengths, (std::vector<uint32_t>{72, 0}));
+    // A dump that never ends gives up after a second.
+    const Bytes part = nlmsg(SOCK_DIAG_BY_FAMILY, NLM_F_MULTI, msg);
+    ASSERT_EQ(send(sv[1], part.data(), part.size(), 0), (ssize_t)part.size());
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(sd.readDiagMsg(IPPROTO_TCP, nullptr), -ETIMEDOUT);
+    const auto ms = (std::chrono::steady_clock::now() - start) / std::chrono::milliseconds(1);
+    EXPECT_TRUE(ms >= 950 && ms < 1500) << ms;
     close(sv[1]);
 }
 

@@ -5,6 +5,8 @@
 
 #include <android/log.h>
 
+#include <algorithm>
+
 #include "parameters/Parameters.h"
 
 #define LOG_TAG "Mlbd-SlaPing"
@@ -67,7 +69,9 @@ int InterfaceRtt::setSpeed(int raw) {
     // Products in 32 bits, two truncating unsigned divisions: 1000 and 35 at 60 % give 400 + 21.
     const uint32_t kept = static_cast<uint32_t>(prevSpeed_) * (100u - alpha) / 100u;
     const uint32_t added = static_cast<uint32_t>(raw) * alpha / 100u;
-    const int32_t smoothed = static_cast<int32_t>(kept + added);
+    // A link that answers keeps a speed of at least 1 ms: smoothing 1 ms measurements with the
+    // truncations above would run down to 0, which the choice takes for no measurement.
+    const int32_t smoothed = std::max(static_cast<int32_t>(kept + added), 1);
     speed = smoothed;
     LOGD("%s: SLA_PING Ping Pass for RTT interface (%s) (calc = %d) (raw = %d) (prev = %d) "
          "(alpha_percent = %d)",

@@ -100,6 +100,8 @@ void SmartLinkSelection::createRttThreads() {
         if (pthread_create(&thread, &attr, makeRawPingFunc, arg) == 0) {
             entry.second->thread = thread;
         } else {
+            // The record keeps "no thread", so the next call tries again: a link that could not
+            // get a thread once (a passing lack of resources) is not left unmeasured for good.
             delete arg;
         }
         pthread_attr_destroy(&attr);
@@ -220,7 +222,10 @@ const char* SmartLinkSelection::calcInterface() {
     const int32_t exit = params->rtt_exit_threshold;
     const std::shared_ptr<InterfaceRtt> prev = current;
 
-    // Hysteresis: at most n_hyst switches per t_hyst_s seconds.
+    // Hysteresis: at most n_hyst switches per t_hyst_s seconds. The arithmetic is 64-bit: in 32
+    // bits the elapsed milliseconds wrap beyond 24 days (a long quiet spell, a jump of the clock)
+    // and t_hyst_s * 1000 overflows for a large configured value, and the gate would then open
+    // or stay shut by accident.
     const struct timeval now = clock_();
     const int64_t elapsedMs = static_cast<int64_t>(now.tv_sec - lastSwitchTime.tv_sec) * 1000 +
                               static_cast<int64_t>(now.tv_usec - lastSwitchTime.tv_usec) / 1000;
@@ -277,12 +282,22 @@ const char* SmartLinkSelection::calcInterface() {
         LOGE("%s SLA_RTT_SELECTED current =  %s , prvious =%s", kFn, nameOf(current), nameOf(prev));
     }
     if (current != prev) {
+        // Once the rules are torn down (shut-down), no chain can carry the applications to the
+        // new link: moving the choice, or resetting their sockets, would only claim a switch
+        // that never happened. The choice stays where it was.
+        IptablesManager* rules = IptablesManager::instance();
+        if (rules == nullptr) {
+            LOGE("%s SLA_RTT_SELECTED no switch to %s: the steering rules are gone", kFn,
+                 nameOf(current));
+            current = prev;
+            return nameOf(current);
+        }
         LOGE("%s SLA_RTT_SELECTED perform switch %s ", kFn, nameOf(current));
         if (switchCount <= 0) lastSwitchTime = clock_();
         ++switchCount;
         // Failures are logged by the rule code; the applications reconnect over the new link.
-        IptablesManager* rules = IptablesManager::instance();
-        if (rules != nullptr) rules->set_SLS_interface(nameOf(current));
+        rules->set_SLS_interface(nameOf(current));
+        wifiChosen = startsWith(current->name, "wlan");
         for (const std::string& uid : params->getGamingUidList()) {
             android::net::killSocketsForUID(uid.c_str());
         }

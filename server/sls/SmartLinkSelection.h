@@ -62,6 +62,9 @@ class SmartLinkSelection {
     std::shared_ptr<InterfaceRtt> current;
     struct timeval lastSwitchTime = {};
     mlbd::Relaxed<int32_t> switchCount{0};
+    // True while the selection chains steer the applications to a Wi-Fi link (the last switch
+    // went to one); read by the socket monitor's thread.
+    mlbd::Relaxed<bool> wifiChosen{false};
 
     SmartLinkSelection();
 

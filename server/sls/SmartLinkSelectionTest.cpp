@@ -6,6 +6,7 @@
 #include <tuple>
 #include <vector>
 
+#include "iptables/IptablesManager.h"
 #include "iptables/execnetd.h"
 #include "parameters/Parameters.h"
 #include "sls/SmartLinkSelection.h"
@@ -91,6 +92,7 @@ TEST_F(SlsTest, SmoothingMissesAndFailure) {
         {"a miss re-feeds the last speed", 5, 5, 60, {35, -1}, 420, 420, 1, {}},
         {"alpha 100 takes the measurement", 5, 5, 100, {35, 77}, 77, 77, 0, {}},
         {"alpha 0 never moves", 5, 5, 0, {35, 77}, 1000, 1000, 0, {}},
+        {"a sub-millisecond link keeps a speed", 5, 5, 60, std::vector<int>(10, 1), 1, 1, 0, {}},
         {"the count saturates at the live limit", 5, 2, 60, {-1, -1, -1, -1}, -1, 1000, 2,
          {miss(1), pass1000, miss(2), fail, fail, fail}},
         {"made with min_ping_times 1: no smoothing", 1, 5, 60, {35, -1}, -1, 0, 0,
@@ -179,6 +181,7 @@ TEST_F(SlsTest, ChoiceCases) {
         const bool switched = c.current == nullptr || strcmp(c.current, c.chosen) != 0;
         EXPECT_EQ(switched, logged(std::string("_SELECTED perform switch ") + c.chosen + " "));
         EXPECT_EQ(switched, !commands_.lines().empty()) << c.what;
+        EXPECT_TRUE(!switched || sls_->wifiChosen == (strncmp(c.chosen, "wlan", 4) == 0));
         if (switched && c.current != nullptr) {
             EXPECT_TRUE(logged(std::string("_SELECTED current =  ") + c.chosen +
                                " , prvious =" + c.current))
@@ -231,6 +234,22 @@ TEST_F(SlsTest, VoipServerBecomesTheProbeTarget) {
     SmartLinkSelection::setVoipIpAddressAndPort();
     EXPECT_EQ("10.0.0.2", params_->getGamingRttServer());
     EXPECT_EQ(5060, params_->rttServerPort);
+}
+
+// Once the rules are torn down, a switch neither moves the choice nor resets any socket. (Last:
+// the teardown is for the life of the process.)
+TEST_F(SlsTest, NoSwitchOnceTheRulesAreGone) {
+    IptablesManager::instance();
+    IptablesManager::clean_SLM_iptables();
+    params_->setGamingUids("4000000000");
+    params_->populateGamingUids();
+    commands_.clear();
+    rec("wlan0")->speed = 85;
+    sls_->current = rec("rmnet_data0");
+    CaptureStderr();
+    EXPECT_STREQ("rmnet_data0", sls_->calcInterface());
+    EXPECT_EQ(GetCapturedStderr().find("SLA_GAMING"), std::string::npos);
+    EXPECT_TRUE(sls_->current->name == "rmnet_data0" && commands_.lines().empty());
 }
 
 }  // namespace

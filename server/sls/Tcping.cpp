@@ -121,7 +121,8 @@ int Tcping::getTcpingRtt(sls_tcping_info* info) {
         closeSocket(info);
         return -1;
     }
-    info->rtt = tcpInfo.tcpi_rtt / 1000;
+    // A link faster than a millisecond counts as 1 ms: 0 would read as no measurement.
+    info->rtt = tcpInfo.tcpi_rtt < 1000 ? 1 : tcpInfo.tcpi_rtt / 1000;
     closeSocket(info);
 
     // During a call a weak Wi-Fi signal makes Wi-Fi look slower.

@@ -441,6 +441,8 @@ int SlaStatsImpl::getSlaVoipState(char* address, char* port) {
         n = read(fd, buf, sizeof(buf));
     } while (n < 0 && errno == EINTR);
     if (n < 0) {
+        // A failed read is named in a line of its own and counts as an empty file: the caller
+        // then finds no comma and keeps its texts, as for any content it cannot use.
         LOGE("read voip state file failed:%s", strerror(errno));
         n = 0;
     }

@@ -93,6 +93,8 @@ TEST(NetlinkUtilsTest, StationQueryAgainstFakePeer) {
                   message(kFamily, NLM_F_REQUEST, 1, 17,
                           attr(3, le(if_nametoindex("lo"))) + attr(6, {0x0a, 0x0b, 0x0c, 0, 0, 0}),
                           getpid()));
+        // Nothing more queued: a further receive returns at once.
+        nl.ReceivePacketAndRunHandler(nl.netlinkFd);
     }
 }
 

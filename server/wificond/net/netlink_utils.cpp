@@ -168,7 +168,9 @@ bool NetlinkUtils::SendMessageAndGetSingleResponse(const NL80211Packet& packet,
 }
 
 void NetlinkUtils::ReceivePacketAndRunHandler(int fd) {
-    ssize_t length = read(fd, gReceiveBuffer, sizeof(gReceiveBuffer));
+    // Never waits: the reply's wait is the poll of SendMessageAndGetResponses, bounded by its
+    // budget, so a reply that never ends holds no thread (nor the call lock) beyond that.
+    ssize_t length = recv(fd, gReceiveBuffer, sizeof(gReceiveBuffer), MSG_DONTWAIT);
     if (length == -1) {
         LOG(ERROR) << "Failed to read packet from buffer";
         return;

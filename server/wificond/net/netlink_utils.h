@@ -62,7 +62,8 @@ class NetlinkUtils {
     // As above, keeping the first reply. A success without any reply is a failure.
     bool SendMessageAndGetSingleResponse(const NL80211Packet& packet,
                                          std::unique_ptr<const NL80211Packet>* response);
-    // Reads one datagram from fd and hands each message in it to its handler.
+    // Reads one datagram from fd, without waiting for one, and hands each message in it to its
+    // handler.
     void ReceivePacketAndRunHandler(int fd);
 
     // Asks the controller for the "nl80211" family; true when it is known afterwards.
