@@ -6,9 +6,9 @@
 #include <tuple>
 #include <vector>
 
-#include "iptables/execnetd.h"
 #include "parameters/Parameters.h"
 #include "sls/SmartLinkSelection.h"
+#include "support/CommandRecorder.h"
 #include "util/Daemon.h"
 
 namespace {
