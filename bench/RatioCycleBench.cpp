@@ -19,11 +19,11 @@
 #include <vector>
 
 #include "iptables/IptablesManager.h"
-#include "iptables/execnetd.h"
 #include "parameters/Parameters.h"
-#include "stats/SlaRingTestUtil.h"
 #include "stats/SlaStatsData.h"
 #include "stats/SlaStatsImpl.h"
+#include "support/CommandRecorder.h"
+#include "support/SlaRingTestUtil.h"
 
 // Counts every heap allocation of the process. The replacements pair malloc with free
 // themselves; GCC cannot see that once they are inlined into their callers.

@@ -22,10 +22,10 @@
 #include <thread>
 #include <vector>
 
-#include "iptables/execnetd.h"
 #include "parameters/Parameters.h"
 #include "sls/SmartLinkSelection.h"
 #include "sls/Tcping.h"
+#include "support/CommandRecorder.h"
 #include "util/EmulatedLinks.h"
 
 using namespace std::chrono;

@@ -2,11 +2,11 @@
 // out one idle object that lives for the process; finalize() and cleanup() only record the call.
 #include "ControlFakes.h"
 
-#include "iptables/execnetd.h"
 #include "monitor/SlaTcpSocketMonitor.h"
 #include "monitor/VoipStateMonitor.h"
 #include "sls/SmartLinkSelection.h"
 #include "stats/SlaStatsImpl.h"
+#include "support/CommandRecorder.h"
 
 namespace {
 

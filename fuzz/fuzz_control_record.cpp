@@ -25,9 +25,9 @@
 #include "ControlFakes.h"
 #include "MlbdSocketServer.h"
 #include "iptables/IptablesManager.h"
-#include "iptables/execnetd.h"
 #include "parameters/Parameters.h"
 #include "platform/Platform.h"
+#include "support/CommandRecorder.h"
 
 // FuzzCommon.h defines the targets' LLVMFuzzerInitialize (quiet logging); renamed here so that
 // this target's own one can call it before setting up its MLBD_ROOT.

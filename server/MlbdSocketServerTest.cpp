@@ -14,9 +14,9 @@
 #include "ControlFakes.h"
 #include "MlbdSocketServer.h"
 #include "iptables/IptablesManager.h"
-#include "iptables/execnetd.h"
 #include "parameters/Parameters.h"
 #include "platform/Platform.h"
+#include "support/CommandRecorder.h"
 #include "wificond/net/netlink_utils.h"
 
 namespace {

@@ -3,6 +3,7 @@
  * "vendor.sla.enabled" reads 2, tears the steering down and then parks for ever.
  */
 #include <android/log.h>
+#include <stdint.h>
 #include <unistd.h>
 
 #include "MlbdSocketServer.h"
@@ -14,6 +15,24 @@
 #include "stats/SlaStatsImpl.h"
 
 #define LOG_TAG "Mlbd-daemon"
+
+namespace {
+
+// Logs the selection's RTT thresholds when they differ from the last ones logged (the VoIP
+// monitor raises and restores them around a call), so that a log alone tells which thresholds
+// each decision was made with.
+void logRttThresholdsIfChanged(const Parameters* parameters, int32_t* entry, int32_t* exit) {
+    const int32_t nowEntry = parameters->rtt_entry_threshold.load();
+    const int32_t nowExit = parameters->rtt_exit_threshold.load();
+    if (nowEntry == *entry && nowExit == *exit) return;
+    *entry = nowEntry;
+    *exit = nowExit;
+    __android_log_print(ANDROID_LOG_INFO, LOG_TAG,
+                        "RTT thresholds: rtt_entry_threshold=%d rtt_exit_threshold=%d", nowEntry,
+                        nowExit);
+}
+
+}  // namespace
 
 int main() {
     mlbd::initLogging();
@@ -37,7 +56,9 @@ int main() {
 
     // Main loop: one pass per period; the property is tested after the sleep, so the body
     // always runs at least once.
+    int32_t loggedEntry = INT32_MIN, loggedExit = INT32_MIN;
     do {
+        logRttThresholdsIfChanged(parameters, &loggedEntry, &loggedExit);
         slaStats->evalAndSetSLAInterfaceRatio();
         SmartLinkSelection::slsChooseInterface();
         usleep(parameters->get(OPER_MINI_EST_INTERVAL) * 1000u);
@@ -54,6 +75,7 @@ int main() {
     // No new client; the one connected stays, and its commands now program nothing.
     stopSocketThreads();
     SlaStatsImpl::finalize();
+    __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "Slm cleanup finished, daemon parked");
 
     // Parked: the process stays alive and idle; re-enabling needs a restart.
     for (;;) sleep(600);

@@ -32,12 +32,15 @@ class DaemonTest : public ::testing::Test {
         return waitFor([&] { return slurp(root + "/mlbd.log").find(text) != std::string::npos; },
                        20000);
     }
-    // Waits for the shut-down to end: once the clean-up line is logged, the loop's last sleep is
-    // over, so the main thread blocked in a sleep again means that the last command has run and
-    // the daemon parked. The deadline is generous: the clean-up runs dozens of commands.
+    // Waits for the shut-down to end: the daemon says when its clean-up has finished, and then
+    // its main thread sleeps. The deadline is generous: the clean-up runs dozens of commands.
     bool parked() {
         const std::string syscall = "/proc/" + std::to_string(pid) + "/syscall";
-        return waitForLog("Slm disabled, starting cleanup...") &&
+        return waitFor(
+                       [&] {
+                           return slurp(root + "/mlbd.log").find(kFinished) != std::string::npos;
+                       },
+                       60000) &&
                waitFor(
                        [&] {
                            const long call = atol(slurp(syscall).c_str());
@@ -63,6 +66,7 @@ class DaemonTest : public ::testing::Test {
         return opens;
     }
 
+    static constexpr const char* kFinished = "I Mlbd-daemon: Slm cleanup finished, daemon parked";
     std::string root;
     pid_t pid = -1;
 };
@@ -101,8 +105,12 @@ TEST_F(DaemonTest, DisabledAtStartRunsOnePassAndMissingConfigKeepsDefaults) {
     EXPECT_GE(std::chrono::steady_clock::now() - begin, milliseconds(1000));
     const std::string log = slurp(root + "/mlbd.log");
     EXPECT_LT(log.find("E Mlbd-SlaParameters: read mlbd conf file failed!"),
-              log.find("Slm disabled"));
+              log.find("I Mlbd-daemon: RTT thresholds: rtt_entry_threshold=90 "
+                       "rtt_exit_threshold=130"));
+    EXPECT_LT(log.find("RTT thresholds:"), log.find("Slm disabled"));
     EXPECT_TRUE(parked()) << log;
+    // The teardown's last word comes after every command of the shut-down.
+    EXPECT_GT(slurp(root + "/mlbd.log").find(kFinished), log.find("Slm disabled"));
     EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), 0);
 }
 

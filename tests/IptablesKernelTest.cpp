@@ -15,8 +15,8 @@
 #include <map>
 
 #include "iptables/IptablesManager.h"
-#include "parameters/ParametersTestPeer.h"
 #include "platform/Platform.h"
+#include "support/ParametersTestPeer.h"
 #include "util/Netns.h"
 
 namespace {

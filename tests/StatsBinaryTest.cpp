@@ -8,7 +8,7 @@
 
 #include <fstream>
 
-#include "stats/SlaRingTestUtil.h"
+#include "support/SlaRingTestUtil.h"
 #include "util/Daemon.h"
 
 namespace {

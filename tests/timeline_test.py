@@ -31,4 +31,9 @@ night = tl_mod.parse(["12-31 23:59:59.500  9  9 D Mlbd-SlaPing: x\n",
                       "01-01 00:00:00.250  9  9 E Mlbd-SlaPing: SLA_RTT_SELECTED perform switch"])
 assert (night.end, night.cut, len(night.missing())) == (0.75, 1, 4), night.notes()
 assert tl_mod.parse(["adb: device offline\n"]).lines == 0
+# The daemon's threshold line names both thresholds at once.
+th = tl_mod.parse(["11-23 09:11:04.828 1 1 I Mlbd-daemon: RTT thresholds: rtt_entry_threshold=110"
+                   " rtt_exit_threshold=150\n"])
+assert (th.entry, th.exit, th.threshold_source) == ([(0.0, 90), (0.0, 110)],
+                                                    [(0.0, 130), (0.0, 150)], "the log")
 print("timeline_test: 1 passed, 0 failed")

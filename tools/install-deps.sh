@@ -5,8 +5,8 @@
 #               and qemu-user to run the unit tests. Fails if the apt sources do not serve arm64.
 set -euo pipefail
 pkgs=(build-essential cmake ninja-build clang libgtest-dev libgmock-dev libbenchmark-dev
-      android-liblog-dev android-libbase-dev iptables iproute2 util-linux procps python3
-      python3-matplotlib)
+      android-liblog-dev android-libbase-dev libjsoncpp-dev iptables iproute2 util-linux procps
+      python3 python3-matplotlib blueprint-tools checkpolicy m4)
 aarch64=0
 [ "${1:-}" = "--aarch64" ] && aarch64=1
 if [ "$aarch64" -eq 1 ]; then

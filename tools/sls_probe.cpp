@@ -14,9 +14,9 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "iptables/execnetd.h"
 #include "parameters/Parameters.h"
 #include "sls/SmartLinkSelection.h"
+#include "support/CommandRecorder.h"
 
 namespace {
 volatile sig_atomic_t gStop = 0;

@@ -3,9 +3,9 @@
 #include <set>
 
 #include "iptables/IptablesManager.h"
-#include "iptables/execnetd.h"
-#include "parameters/ParametersTestPeer.h"
 #include "platform/Platform.h"
+#include "support/CommandRecorder.h"
+#include "support/ParametersTestPeer.h"
 
 namespace {
 

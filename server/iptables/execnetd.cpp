@@ -12,6 +12,8 @@
 
 #include <atomic>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #define LOG_TAG "Mlbd-iptablesManager"
 
@@ -20,7 +22,7 @@ extern char** environ;
 namespace mlbd {
 namespace {
 
-std::atomic<ScopedCommandRecorder*> gRecorder{nullptr};
+std::atomic<CommandSink> gSink{nullptr};
 
 bool isBlank(char c) {
     return c == ' ' || c == '\t';
@@ -89,28 +91,8 @@ int spawnWithOutputTo(int writeFd, char* const argv[], pid_t* pid) {
 
 }  // namespace
 
-ScopedCommandRecorder::ScopedCommandRecorder() {
-    gRecorder.store(this);
-}
-
-ScopedCommandRecorder::~ScopedCommandRecorder() {
-    ScopedCommandRecorder* expected = this;
-    gRecorder.compare_exchange_strong(expected, nullptr);
-}
-
-const std::vector<std::string>& ScopedCommandRecorder::lines() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
-}
-
-void ScopedCommandRecorder::clear() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.clear();
-}
-
-void ScopedCommandRecorder::record(const char* command) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.emplace_back(command);
+void setCommandSink(CommandSink sink) {
+    gSink.store(sink);
 }
 
 }  // namespace mlbd
@@ -120,8 +102,8 @@ int execnetd(const char* command) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "SEND SLA NDC COMMAND - FAIL  %s \n", "");
         return -1;
     }
-    if (mlbd::ScopedCommandRecorder* recorder = mlbd::gRecorder.load()) {
-        recorder->record(command);
+    if (const mlbd::CommandSink sink = mlbd::gSink.load()) {
+        sink(command);
         __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "SEND SLA NDC COMMAND - PASS  %s\n",
                             command);
         return 0;

@@ -9,10 +9,6 @@
  */
 #pragma once
 
-#include <mutex>
-#include <string>
-#include <vector>
-
 // Runs `command` and waits for it. Returns 0 when a process could be created for it, whatever
 // the program then did (a program that cannot be executed or that fails counts as started, as
 // it would under a shell), and -1 when no process could be created (or `command` is null).
@@ -21,26 +17,10 @@ int execnetd(const char* command);
 
 namespace mlbd {
 
-// Test seam: while an instance lives, execnetd() appends every command line to it, runs nothing
-// and returns 0. Only one recorder may live at a time. Recording is serialised by a mutex, so
-// the main thread and one other thread may issue commands concurrently; read lines() once the
-// other thread is quiet.
-class ScopedCommandRecorder {
-  public:
-    ScopedCommandRecorder();
-    ~ScopedCommandRecorder();
-    ScopedCommandRecorder(const ScopedCommandRecorder&) = delete;
-    ScopedCommandRecorder& operator=(const ScopedCommandRecorder&) = delete;
-
-    const std::vector<std::string>& lines() const;
-    void clear();
-
-    // Called by execnetd().
-    void record(const char* command);
-
-  private:
-    mutable std::mutex mutex_;
-    std::vector<std::string> lines_;
-};
+// Where execnetd() sends command lines instead of running them. Null (the default, and always
+// so in the daemon) runs them; tests and dry-run tools install a sink that records the lines
+// (tests/support/CommandRecorder.h). A sink must be safe to call from any thread.
+using CommandSink = void (*)(const char* command);
+void setCommandSink(CommandSink sink);
 
 }  // namespace mlbd

@@ -10,7 +10,7 @@
 
 #include "SockDiag.h"
 #include "platform/Platform.h"
-#include "wificond/net/NetlinkTestBytes.h"
+#include "support/NetlinkTestBytes.h"
 
 using android::net::SockDiag;
 using android::net::tcp_info_ext;

@@ -7,8 +7,8 @@
 #include "monitor/VoipStateMonitor.h"
 #include "parameters/Parameters.h"
 #include "platform/Platform.h"
+#include "support/NetlinkTestBytes.h"
 #include "util/Netns.h"
-#include "wificond/net/NetlinkTestBytes.h"
 
 namespace {
 

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "iptables/IptablesManager.h"
-#include "iptables/execnetd.h"
 #include "parameters/Parameters.h"
 #include "sls/SmartLinkSelection.h"
+#include "support/CommandRecorder.h"
 #include "util/Daemon.h"
 
 namespace {

@@ -4,9 +4,9 @@
 #include <vector>
 
 #include "platform/Platform.h"
-#include "stats/SlaRingTestUtil.h"
 #include "stats/SlaStatsData.h"
 #include "stats/SlaStatsImpl.h"
+#include "support/SlaRingTestUtil.h"
 
 using slatest::kFileBytes;
 using slatest::kMagic;

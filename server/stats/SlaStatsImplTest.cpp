@@ -3,11 +3,11 @@
 
 #include <fstream>
 
-#include "iptables/execnetd.h"
-#include "parameters/ParametersTestPeer.h"
 #include "platform/Platform.h"
-#include "stats/SlaRingTestUtil.h"
 #include "stats/SlaStatsImpl.h"
+#include "support/CommandRecorder.h"
+#include "support/ParametersTestPeer.h"
+#include "support/SlaRingTestUtil.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/Platform.h"
-#include "wificond/net/NetlinkTestBytes.h"
+#include "support/NetlinkTestBytes.h"
 #include "wificond/net/nl80211_packet.h"
 
 using namespace android::wificond;

@@ -6,7 +6,7 @@
 #include <chrono>
 
 #include "platform/Platform.h"
-#include "wificond/net/NetlinkTestBytes.h"
+#include "support/NetlinkTestBytes.h"
 #include "wificond/net/netlink_utils.h"
 
 using namespace android::wificond;
