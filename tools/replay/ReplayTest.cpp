@@ -1,0 +1,5 @@
+#include <gtest/gtest.h>
+
+#include "Replay.h"
+
+TEST(ReplayTest, Placeholder) {}
