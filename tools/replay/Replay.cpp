@@ -19,6 +19,7 @@
 #include <memory>
 #include <queue>
 #include <random>
+#include <set>
 
 #include "iptables/IptablesManager.h"
 #include "iptables/execnetd.h"
@@ -49,6 +50,8 @@ constexpr int64_t kGameTimeoutUs = 3 * kSecond;
 constexpr int64_t kGameReconnectUs = 200 * kMs;
 // The VoIP monitor samples the signal twice a second.
 constexpr int64_t kVoipSampleUs = 500 * kMs;
+// The kernel clock's reading when the replay starts, ms.
+constexpr int64_t kUptimeAtStartMs = 600000;
 // The game's server, as the monitor's dump shows it.
 constexpr const char* kGameServer = "10.200.0.1";
 // Process and thread ids of the log lines.
@@ -254,6 +257,7 @@ class Sim {
     std::vector<std::pair<int64_t, std::string>> steeredAt_;  // ms, link
     std::shared_ptr<InterfaceRtt> lastCurrent_;
     std::string root_;
+    std::set<size_t> notChosen_;  // changes of the steered link that the choice did not make
 };
 
 bool Sim::startThread(const std::shared_ptr<InterfaceRtt>& rec, pthread_t* handle) {
@@ -295,7 +299,9 @@ int Sim::dump(const android::net::SockDiag::TcpInfoReader& reader) {
         uint32_t syns = 0;
         for (int64_t s : conn_.synTimes) syns += s <= gNowUs ? 1 : 0;
         info.tcpi_segs_out = syns;
-        info.tcpi_last_ack_recv = static_cast<uint32_t>((gNowUs - conn_.startUs) / kMs);
+        // A connecting socket has never received an ACK: the kernel reports the time since its
+        // clock's origin, which grows by the poll interval from one dump to the next.
+        info.tcpi_last_ack_recv = static_cast<uint32_t>(kUptimeAtStartMs + gNowUs / kMs);
     }
     reader(&msg, &info, sizeof(info));
     return 0;
@@ -466,7 +472,11 @@ void Sim::handle(const Event& e) {
             voipMonitor_ = false;
             // The VoIP monitor's end resets the call's sockets.
             for (const std::string& uid : params_->getGamingUidList()) resetSockets(uid.c_str());
+            // The end of the call, not the choice, hands the game back to the default route.
             noteSteering();
+            if (steeredAt_.size() > 1 && steeredAt_.back().first == gNowUs / kMs) {
+                notChosen_.insert(steeredAt_.size() - 1);
+            }
             break;
         }
         case kLoopTick: {
@@ -754,7 +764,9 @@ void Sim::finish() {
         }
         s.results.push_back(r);
     }
-    for (size_t i = 1; i < steeredAt_.size(); ++i) s.falseSwitches += explained[i] ? 0 : 1;
+    for (size_t i = 1; i < steeredAt_.size(); ++i) {
+        s.falseSwitches += explained[i] || notChosen_.count(i) ? 0 : 1;
+    }
 }
 
 }  // namespace
