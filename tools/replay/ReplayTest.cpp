@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "FromLog.h"
 #include "Replay.h"
 #include "Trace.h"
 
@@ -184,6 +186,33 @@ TEST(ReplayTest, OutageMissesAndMetrics) {
     EXPECT_EQ(4, s.probes);
     EXPECT_EQ(120000 - 29250, s.meteredMs);
     EXPECT_EQ(9250, s.aboveExitMs);
+}
+
+// A log (here the replay's own) rebuilds into a trace of what it showed: the game's RTT on its
+// link while nothing probed it, each probe's result from the probe's start, and the game.
+TEST(ReplayTest, FromLogRebuildsWhatTheLogShows) {
+    std::vector<std::string> log;
+    replay(std::string(kLinks) + "duration 40s\nat 20s wlan0 rtt=300ms\nat 30s rmnet_data0 down\n",
+           &log);
+    char path[] = "/tmp/mlbd-fromlog-XXXXXX";
+    const int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    std::string text;
+    for (const std::string& l : log) text += l + "\n";
+    ASSERT_EQ(static_cast<ssize_t>(text.size()), write(fd, text.data(), text.size()));
+    close(fd);
+    std::string rebuilt, why;
+    ASSERT_TRUE(traceFromLog(path, &rebuilt, &why)) << why;
+    unlink(path);
+    const Trace t = parse(rebuilt);
+    EXPECT_EQ(5000u, t.gamePort);
+    EXPECT_EQ("wlan0", t.defaultLink);
+    const TraceLink& w = *t.find("wlan0");
+    EXPECT_EQ(20, w.at(15000).rttMs);
+    EXPECT_EQ(300, w.at(22000 + 1).rttMs);  // the Wi-Fi probe that began at 22 s
+    EXPECT_EQ(60, t.find("rmnet_data0")->at(23000).rttMs);
+    Trace out;
+    EXPECT_FALSE(traceFromLog("/nonexistent", &rebuilt, &why));
 }
 
 TEST(ReplayTest, SameSeedSameRunAndSettingsApply) {
