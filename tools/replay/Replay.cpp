@@ -75,6 +75,7 @@ enum EventType {
     kGameSpurious,
     kGameAnswer,
     kGameTimeout,
+    kGameReset,
 };
 
 struct Event {
@@ -274,7 +275,8 @@ bool Sim::startThread(const std::shared_ptr<InterfaceRtt>& rec, pthread_t* handl
 void Sim::resetSockets(const char* uid) {
     if (strtoul(uid, nullptr, 10) != trace_.gameUid) return;
     summary_->socketResets++;
-    if (conn_.alive) gameDrop(true);
+    // The rule commands before the resets take their time on the main loop.
+    schedule(gNowUs + options_.switchCostUs, kGameReset, 0, conn_.gen);
 }
 
 int Sim::dump(const android::net::SockDiag::TcpInfoReader& reader) {
@@ -482,14 +484,17 @@ void Sim::handle(const Event& e) {
         case kLoopTick: {
             gTid = kMainTid;
             SmartLinkSelection::slsChooseInterface();
-            if (sls_ && sls_->current != lastCurrent_) {
+            const bool switched = sls_ && sls_->current != lastCurrent_;
+            if (switched) {
                 summary_->switches.push_back(SwitchRecord{
                         gNowUs / kMs, lastCurrent_ ? lastCurrent_->name : "", sls_->current->name});
                 lastCurrent_ = sls_->current;
             }
             noteSteering();
             const int64_t period = std::max<uint32_t>(1, params_->get(OPER_MINI_EST_INTERVAL));
-            schedule(gNowUs + period * kMs, kLoopTick);
+            schedule(gNowUs + period * kMs + options_.loopCostUs +
+                             (switched ? options_.switchCostUs : 0),
+                     kLoopTick);
             break;
         }
         case kMonitorPoll:
@@ -497,7 +502,7 @@ void Sim::handle(const Event& e) {
             gTid = kMonitorTid;
             monitor_->poll();
             monitor_->selectServer();
-            schedule(gNowUs + kSecond, kMonitorPoll);
+            schedule(gNowUs + kSecond + options_.monitorCostUs, kMonitorPoll);
             break;
         case kVoipSample: {
             if (!voipMonitor_) break;
@@ -533,7 +538,8 @@ void Sim::handle(const Event& e) {
                 schedule(gNowUs + t.pending.durationUs, kProbeDone, e.a);
             } else {
                 // The pause, then the thread leaves unless it is still alive.
-                schedule(gNowUs + t.intervalMs * kMs, kProbeDone, e.a, 1);
+                schedule(gNowUs + t.intervalMs * kMs + options_.probePauseCostUs, kProbeDone, e.a,
+                         1);
             }
             break;
         }
@@ -558,7 +564,7 @@ void Sim::handle(const Event& e) {
                 result = Tcping::reportRtt(&info, t.pending.kernelRttUs);
             }
             t.rec->setSpeed(result);
-            schedule(gNowUs + t.intervalMs * kMs, kProbeDone, e.a, 1);
+            schedule(gNowUs + t.intervalMs * kMs + options_.probePauseCostUs, kProbeDone, e.a, 1);
             break;
         }
         case kGameConnect:
@@ -600,6 +606,10 @@ void Sim::handle(const Event& e) {
             schedule(gNowUs + trace_.gameEveryMs * kMs, kGameSend, 0, conn_.gen, conn_.seq);
             schedule(gNowUs + trace_.gameEveryMs * kMs + kGameTimeoutUs, kGameTimeout, 0, conn_.gen,
                      conn_.seq);
+            break;
+        case kGameReset:
+            // Destroying the sockets ends a connection that is being made as well.
+            if (conn_.alive) gameDrop(true);
             break;
         case kGameTimeout:
             if (e.gen != conn_.gen || !conn_.alive || e.seq != conn_.seq || !conn_.waiting) break;

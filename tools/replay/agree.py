@@ -28,11 +28,26 @@ def stamp_us(line, year):
     return int(time.mktime((year, mo, d, h, mi, s, 0, 0, -1))) * 1000000 + ms * 1000
 
 
+POLL = re.compile(r"Mlbd-SocketMonitor: checkGamingServerRtt rtt is")
+CHOICE = re.compile(r"Mlbd-SlaPing: getFastestInterface SLA_RTT fastest Interface is")
+RESET_DONE = re.compile(r"SLA_GAMING (Error )?destroying UDP sockets")
+PROBE_START = re.compile(r"Mlbd-Tcping: populateTcpingSocket server is")
+PROBE_END = re.compile(r"Mlbd-Tcping: (TCPing cacla rtt|connect failed|recieve failed)")
+
+
+def median_cost(times, period_us, limit_us):
+    """The median excess of consecutive periods over `period_us`, ms (periods above limit_us
+    are gaps, not periods)."""
+    d = sorted(b - a - period_us for a, b in zip(times, times[1:]) if 0 < b - a < limit_us)
+    return max(0.0, d[len(d) // 2] / 1000) if d else 0.0
+
+
 def live(dir_):
     with open(os.path.join(dir_, "play.log")) as f:
         t0 = int(re.search(r"play start (\d+)", f.read()).group(1))
     year = time.localtime(t0 / 1e6).tm_year
-    switches, sls, ticks = [], None, []
+    switches, sls, ticks, polls, choices, pauses, ended = [], None, [], [], [], [], {}
+    switch_costs, switched_at = [], None
     with open(os.path.join(dir_, "mlbd.log"), errors="replace") as f:
         for line in f:
             t = stamp_us(line, year)
@@ -43,26 +58,47 @@ def live(dir_):
             m = SWITCH.search(line)
             if m:
                 switches.append(((t - t0) / 1e6, m.group(1)))
+                switched_at = t
+            if RESET_DONE.search(line) and switched_at is not None:
+                switch_costs.append(t - switched_at)
+                switched_at = None
             if TICK.search(line):
                 ticks.append(t)
-    return t0, sls, ticks, switches
+            if POLL.search(line):
+                polls.append(t)
+            if CHOICE.search(line):
+                choices.append(t)
+            tid = line.split()[3] if len(line.split()) > 3 else ""
+            if PROBE_END.search(line):
+                ended[tid] = t
+            elif PROBE_START.search(line) and tid in ended:
+                pauses.append(t - ended.pop(tid))
+    pauses.sort()
+    switch_costs.sort()
+    costs = (median_cost(sorted(choices + ticks), 1000000, 1100000),
+             median_cost(polls, 1000000, 1500000),
+             max(0.0, (pauses[len(pauses) // 2] - 500000) / 1000) if pauses else 0.0,
+             switch_costs[len(switch_costs) // 2] / 1000 if switch_costs else 0.0)
+    return t0, sls, ticks, switches, costs
 
 
 def one(replay, trace, dir_):
-    t0, sls, ticks, switches = live(dir_)
+    t0, sls, ticks, switches, costs = live(dir_)
     if sls is None:
         return {"scenario": os.path.basename(trace), "error": "selection never started"}
     # The replay starts selection where the live daemon did, with the live loop's phase.
     sls_ms = max(0, (sls - t0) // 1000)
-    period = 1000
+    period = 1000 + costs[0]
     after = [t for t in ticks if t >= sls]
-    phase = ((after[0] - t0) // 1000) % period if after else -1
+    phase = int(((after[0] - t0) / 1000) % period) if after else -1
     with open(trace) as f:
         text = f.read()
     shifted = os.path.join(dir_, "replay.trace")
     with open(shifted, "w") as f:
         f.write(text + f"\nsls {sls_ms}ms\n")
-    args = [replay, "--log", os.path.join(dir_, "replay.log"), shifted]
+    # The periods of the live run's loops, as measured in its log.
+    args = [replay, "--costs", ",".join(f"{c:.1f}" for c in costs),
+            "--log", os.path.join(dir_, "replay.log"), shifted]
     if phase >= 0:
         args[1:1] = ["--loop-phase", str(phase)]
     summary = json.loads(subprocess.run(args, check=True, capture_output=True, text=True).stdout)
@@ -71,7 +107,7 @@ def one(replay, trace, dir_):
     same = [s[1] for s in switches] == [s[1] for s in rep]
     diff = max((abs(a[0] - b[0]) for a, b in zip(switches, rep)), default=0.0) if same else None
     return {"scenario": os.path.basename(trace)[:-len(".trace")], "sls_start_s": sls_ms / 1000,
-            "loop_phase_ms": phase, "live": switches, "replay": rep, "same_order": same,
+            "loop_phase_ms": phase, "costs_ms": costs, "live": switches, "replay": rep, "same_order": same,
             "max_diff_s": diff}
 
 

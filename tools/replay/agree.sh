@@ -7,7 +7,8 @@
 # (as tools/run-host.sh does), the real daemon (build/mlbd, built-in defaults) selects links for a
 # game (UID 10050, tools/demo/demo.py) while `link-emulator play` plays the trace; then
 # mlbd-replay replays the same trace, started where the live selection started and with the live
-# main loop's phase. The table compares the switches (targets, order) and their times. Logs in
+# main loop's phase and with the periods of its loops as its log shows them (agree.py). The
+# table compares the switches (targets, order) and their times. Logs in
 # build/agree/. Nothing leaves the machine: every address used lives in the two namespaces.
 set -euo pipefail
 here="$(cd "$(dirname "$0")/../.." && pwd)"
@@ -34,7 +35,8 @@ if [ "${1:-}" = "--inside" ]; then
     unshare --net -- sleep infinity &
     peer=$!
     inpeer=(nsenter -t "$peer" -n --)
-    wait_for 5 test "$(readlink "/proc/$peer/ns/net")" != "$(readlink /proc/$$/ns/net)"
+    peer_apart() { [ "$(readlink "/proc/$peer/ns/net")" != "$(readlink /proc/$$/ns/net)" ]; }
+    wait_for 5 peer_apart
     "${inpeer[@]}" ip link set lo up
     "${inpeer[@]}" ip addr add 1.1.1.1/32 dev lo
     "${inpeer[@]}" ip addr add 10.200.0.1/32 dev lo
@@ -81,7 +83,7 @@ cmake --build "$build" --target mlbd mlbdctl sla-standin link-emulator rtt-respo
     >/dev/null
 traces=("$@")
 if [ ${#traces[@]} -eq 0 ]; then
-    for s in step-300 step-150 outage-10s spike-3s drift; do
+    for s in step-300 step-150 spike-3s drift outage-10s outage-2s bufferbloat; do
         traces+=("$here/tools/replay/scenarios/$s.trace")
     done
 fi
