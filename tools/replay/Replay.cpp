@@ -58,6 +58,14 @@ constexpr const char* kGameServer = "10.200.0.1";
 constexpr int kPid = 4242;
 constexpr int kMainTid = 4242, kControlTid = 4243, kMonitorTid = 4244, kProbeTid0 = 4300;
 
+constexpr int64_t kRtoMaxUs = 120 * kSecond;
+
+// The kernel's retransmission time-out: the smoothed RTT plus its (four times scaled) mean
+// deviation, at least the lower bound.
+int64_t retransmitTimeoutUs(uint32_t srtt8, uint32_t mdev) {
+    return (srtt8 >> 3) + std::max<int64_t>(mdev, kRtoMinUs);
+}
+
 enum EventType {
     kEnd,
     kSlsStart,
@@ -238,6 +246,7 @@ class Sim {
     void gameConnect();
     void gameDrop(bool reconnect);
     void gameSend(int64_t attempt);
+    void takeGame();
     void handle(const Event& e);
     void finish();
 
@@ -325,8 +334,7 @@ ProbeOutcome Sim::probe(const TraceLink* l, int64_t start) {
     int64_t t = start + h;
     for (int i = 0; i < kProbeExchanges; ++i) {
         const int64_t sent = t;
-        int64_t rto = std::max<int64_t>((srtt8 >> 3) + std::max<int64_t>(4 * (mdev >> 2), 0),
-                                        (srtt8 >> 3) + kRtoMinUs);
+        int64_t rto = retransmitTimeoutUs(srtt8, mdev);
         int64_t attempt = t;
         bool done = false;
         while (attempt - sent < kProbeTimeoutUs) {
@@ -399,9 +407,8 @@ void Sim::gameSend(int64_t attempt) {
     const TraceLink* l = link(conn_.link);
     conn_.segsOut++;
     const int64_t r = rttUs(l, gNowUs);
-    const int64_t rto = std::min<int64_t>(
-            ((conn_.srtt8 >> 3) + std::max<int64_t>(kRtoMinUs, conn_.mdev)) << attempt,
-            120 * kSecond);
+    const int64_t rto =
+            std::min<int64_t>(retransmitTimeoutUs(conn_.srtt8, conn_.mdev) << attempt, kRtoMaxUs);
     if (passes(l, gNowUs) && passes(l, gNowUs + r)) {
         schedule(gNowUs + r, kGameAnswer, r, conn_.gen, conn_.seq);
         // A retransmission time-out that expires before the answer arrives sends again.
@@ -411,6 +418,17 @@ void Sim::gameSend(int64_t attempt) {
     }
 }
 
+void Sim::takeGame() {
+    // As both start commands do: probe the default server until the monitor finds the game's,
+    // and steer the game's (or the call's) UID.
+    gTid = kControlTid;
+    params_->setRttTarget(DEFAULT_RTT_SERVER, 443);
+    const std::string uid = std::to_string(trace_.gameUid);
+    params_->setGamingUids(uid.c_str());
+    params_->populateGamingUids();
+    params_->setGamingConnectStatus(true);
+}
+
 void Sim::handle(const Event& e) {
     switch (e.type) {
         case kEnd:
@@ -418,12 +436,7 @@ void Sim::handle(const Event& e) {
         case kSlsStart: {
             // What starting selection for the game does, without the rules being run and with
             // the monitor's thread and the probe threads replaced by virtual ones.
-            gTid = kControlTid;
-            params_->setRttTarget(DEFAULT_RTT_SERVER, 443);
-            const std::string uid = std::to_string(trace_.gameUid);
-            params_->setGamingUids(uid.c_str());
-            params_->populateGamingUids();
-            params_->setGamingConnectStatus(true);
+            takeGame();
             IptablesManager* rules = IptablesManager::instance();
             rules->setup_slm_whitelist();
             rules->setup_SLS_iptables_UID_chains();
@@ -439,17 +452,13 @@ void Sim::handle(const Event& e) {
             monitor_->resumePolling();
             params_->setGamingRunning(true);
             steering_ = true;
-            schedule(gNowUs + std::max<int64_t>(0, options_.monitorPhaseMs) * kMs, kMonitorPoll);
+            // Resuming wakes the monitor's thread: its first poll comes at once.
+            schedule(gNowUs, kMonitorPoll);
             if (!trace_.rssi.empty()) schedule(gNowUs, kVoipSample);
             break;
         }
         case kCallStart: {
-            gTid = kControlTid;
-            params_->setRttTarget(DEFAULT_RTT_SERVER, 443);
-            const std::string uid = std::to_string(trace_.gameUid);
-            params_->setGamingUids(uid.c_str());
-            params_->populateGamingUids();
-            params_->setGamingConnectStatus(true);
+            takeGame();
             sls_ = SmartLinkSelection::instance();
             sls_->setClock(&virtualTimeOfDay);
             if (!steering_) sls_->lastSwitchTime = virtualTimeOfDay();

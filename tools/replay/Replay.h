@@ -41,10 +41,8 @@ struct ReplayOptions {
     std::vector<std::string> config;
     // The daemon's log lines, stamped with the virtual time (null: no log).
     FILE* log = nullptr;
-    // Offsets of the main loop's and the monitor's periods against the start of selection, ms;
-    // -1 draws them from the seed.
+    // Offset of the main loop's period against the trace's start, ms; -1 draws it from the seed.
     int64_t loopPhaseMs = -1;
-    int64_t monitorPhaseMs = -1;
     // Mixed into the trace's seed for the per-packet draws and the phases.
     uint64_t seed = 0;
     // What a real run adds to each period, microseconds: the main loop's work before its sleep,
