@@ -300,14 +300,9 @@ const char* SmartLinkSelection::calcInterface() {
         // Failures are logged by the rule code; the applications reconnect over the new link.
         IptablesManager* rules = IptablesManager::instance();
         if (rules != nullptr) rules->set_SLS_interface(nameOf(current));
-        const SocketKiller killer = sSocketKiller.load(std::memory_order_relaxed);
-        for (const std::string& uid : params->getGamingUidList()) {
-            if (killer != nullptr) {
-                killer(uid.c_str());
-            } else {
-                android::net::killSocketsForUID(uid.c_str());
-            }
-        }
+        SocketKiller killer = sSocketKiller.load(std::memory_order_relaxed);
+        if (killer == nullptr) killer = &android::net::killSocketsForUID;
+        for (const std::string& uid : params->getGamingUidList()) killer(uid.c_str());
     }
     return nameOf(current);
 }

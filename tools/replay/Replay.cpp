@@ -7,6 +7,7 @@
 #include <android/log.h>
 #include <arpa/inet.h>
 #include <errno.h>
+#include <ftw.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -636,6 +637,7 @@ bool Sim::run(std::string* why) {
         return false;
     }
     const std::string r(root);
+    root_ = r;
     mkdir((r + "/properties").c_str(), 0755);
     mkdir((r + "/vendor").c_str(), 0755);
     mkdir((r + "/vendor/etc").c_str(), 0755);
@@ -675,7 +677,6 @@ bool Sim::run(std::string* why) {
         want.clear();
         for (const std::string& n : names) want += (want.empty() ? "" : ",") + n;
     }
-    root_ = r;
     if (have != want) {
         *why = "the links (" + want + ") are not those of the first trace of this process (" +
                have + ")";
@@ -723,10 +724,12 @@ bool Sim::run(std::string* why) {
 }
 
 Sim::~Sim() {
-    if (!root_.empty()) {
-        const int rc = system(("rm -rf '" + root_ + "'").c_str());
-        (void)rc;
-    }
+    if (root_.empty()) return;
+    // The scratch root holds only what run() wrote: remove it bottom-up.
+    nftw(
+            root_.c_str(),
+            [](const char* path, const struct stat*, int, struct FTW*) { return remove(path); },
+            8, FTW_DEPTH | FTW_PHYS);
 }
 
 void Sim::finish() {
