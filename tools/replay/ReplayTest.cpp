@@ -88,7 +88,8 @@ TEST(ReplayTest, TraceExpansionAndRejectedLines) {
     // Seeded directives draw the same values for the same seed, others for another.
     const std::string jitter = "jitter 0s 10s wlan0 scale=10ms\n";
     auto drawn = [&](const char* seed) {
-        const TraceLink& l = *parse(std::string(kLinks) + seed + jitter).find("wlan0");
+        const Trace t = parse(std::string(kLinks) + seed + jitter);
+        const TraceLink& l = *t.find("wlan0");
         double sum = 0;
         for (int64_t ms = 0; ms < 10000; ms += 100) sum += l.at(ms).rttMs;
         return sum;
