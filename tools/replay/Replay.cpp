@@ -728,8 +728,8 @@ Sim::~Sim() {
     // The scratch root holds only what run() wrote: remove it bottom-up.
     nftw(
             root_.c_str(),
-            [](const char* path, const struct stat*, int, struct FTW*) { return remove(path); },
-            8, FTW_DEPTH | FTW_PHYS);
+            [](const char* path, const struct stat*, int, struct FTW*) { return remove(path); }, 8,
+            FTW_DEPTH | FTW_PHYS);
 }
 
 void Sim::finish() {

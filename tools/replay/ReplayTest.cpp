@@ -107,6 +107,13 @@ TEST(ReplayTest, TraceExpansionAndRejectedLines) {
         EXPECT_FALSE(parseTrace(std::string(kLinks) + bad + "\n", &out, &why)) << bad;
         EXPECT_EQ(0u, why.find("line 4: ")) << bad << ": " << why;
     }
+    // A day of loss bursts that change state every millisecond is refused, not expanded.
+    Trace out;
+    std::string why;
+    EXPECT_FALSE(parseTrace(std::string(kLinks) + "gilbert 0s 86400s wlan0 p=50% r=50% step=1ms\n"
+                                                  "duration 86400s\n",
+                            &out, &why));
+    EXPECT_EQ("line 4: too many changes", why);
 }
 
 TEST(ReplayTest, KernelSmoothedRtt) {

@@ -21,7 +21,7 @@ namespace {
 // The longest trace accepted (a day), and the most breakpoints per link, so that a hostile file
 // cannot make the expansion run away.
 constexpr int64_t kMaxDurationMs = 24LL * 3600 * 1000;
-constexpr size_t kMaxPoints = 4000000;
+constexpr size_t kMaxPoints = 2000000;
 
 enum EventKind { kRtt, kLoss, kUp, kJitter, kBurst };
 
@@ -214,6 +214,9 @@ bool parseTrace(const std::string& text, Trace* out, std::string* why) {
                 return fail("ramp wants rtt=Ams..Bms");
             }
             // A ramp is a staircase of 100 ms steps, ending on its last value.
+            if (events[w[3]].size() + static_cast<size_t>((to - from) / 100) > kMaxPoints) {
+                return fail("too many changes");
+            }
             for (int64_t s = from; s < to; s += 100) {
                 const double v = a + (b - a) * static_cast<double>(s - from) / (to - from);
                 events[w[3]].push_back({s, order, kRtt, floor(v + 0.5)});
@@ -312,6 +315,7 @@ bool parseTrace(const std::string& text, Trace* out, std::string* why) {
                 const double u = std::max(1e-12, 1.0 - uniform(rng));
                 ev.push_back(
                         {s, o, kJitter, std::min(cap, floor(scale * (pow(u, -1.0 / shape) - 1)))});
+                if (ev.size() > kMaxPoints) return fail("too many changes");
             }
             ev.push_back({to, o, kJitter, 0});
         } else if (w[0] == "gilbert") {
@@ -327,6 +331,7 @@ bool parseTrace(const std::string& text, Trace* out, std::string* why) {
             for (int64_t s = from; s < to; s += static_cast<int64_t>(step)) {
                 const bool next = inBad ? uniform(rng) >= rr : uniform(rng) < p;
                 if (next != inBad) ev.push_back({s, o, kBurst, next ? bad : -1.0});
+                if (ev.size() > kMaxPoints) return fail("too many changes");
                 inBad = next;
             }
             ev.push_back({to, o, kBurst, -1.0});
@@ -342,6 +347,7 @@ bool parseTrace(const std::string& text, Trace* out, std::string* why) {
                 const double len = length * (0.5 + uniform(rng));
                 ev.push_back({static_cast<int64_t>(s), o, kUp, 0.0});
                 ev.push_back({static_cast<int64_t>(s + len), o, kUp, 1.0});
+                if (ev.size() > kMaxPoints) return fail("too many changes");
             }
         }
     }
