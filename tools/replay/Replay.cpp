@@ -241,7 +241,7 @@ class Sim {
     int64_t rttUs(const TraceLink* l, int64_t us) const {
         return static_cast<int64_t>(l->at(us / kMs).rttMs * kMs);
     }
-    ProbeOutcome probe(const TraceLink* l, int64_t start);
+    ProbeOutcome probe(const TraceLink* l, int64_t start, int64_t exchangeCostUs);
     std::string steered() const;
     void noteSteering();
     void gameConnect();
@@ -278,7 +278,8 @@ bool Sim::startThread(const std::shared_ptr<InterfaceRtt>& rec, pthread_t* handl
     t.intervalMs = static_cast<uint32_t>(params_->ping_interval_ms.load());
     threads_.push_back(t);
     *handle = static_cast<pthread_t>(kProbeTid0 + threads_.size() - 1);
-    schedule(gNowUs, kProbeCheck, static_cast<int64_t>(threads_.size() - 1));
+    schedule(gNowUs + options_.probePhaseUs, kProbeCheck,
+             static_cast<int64_t>(threads_.size() - 1));
     return true;
 }
 
@@ -319,7 +320,7 @@ int Sim::dump(const android::net::SockDiag::TcpInfoReader& reader) {
     return 0;
 }
 
-ProbeOutcome Sim::probe(const TraceLink* l, int64_t start) {
+ProbeOutcome Sim::probe(const TraceLink* l, int64_t start, int64_t exchangeCostUs) {
     ProbeOutcome out;
     // The connection: one SYN (its retransmission would come after the time-out).
     out.bytes += kSynBytes;
@@ -345,7 +346,7 @@ ProbeOutcome Sim::probe(const TraceLink* l, int64_t start) {
                 if (attempt + r - sent <= kProbeTimeoutUs) {
                     out.bytes += 30 + kHeaderBytes;
                     kernelRttSample(&srtt8, &mdev, static_cast<uint32_t>(r));
-                    t = attempt + r;
+                    t = attempt + r + exchangeCostUs;
                     done = true;
                 }
                 break;
@@ -541,15 +542,15 @@ void Sim::handle(const Event& e) {
                 __android_log_print(ANDROID_LOG_DEBUG, "Mlbd-Tcping",
                                     "populateTcpingSocket server is %s", server.c_str());
                 const TraceLink* l = link(t.rec->name);
-                t.pending = l ? probe(l, gNowUs) : ProbeOutcome();
+                t.pending = l ? probe(l, gNowUs, options_.probeExchangeCostUs) : ProbeOutcome();
                 if (!l) t.pending.durationUs = 0;
                 summary_->probes++;
                 summary_->probeBytes += t.pending.bytes;
                 schedule(gNowUs + t.pending.durationUs, kProbeDone, e.a);
             } else {
                 // The pause, then the thread leaves unless it is still alive.
-                schedule(gNowUs + t.intervalMs * kMs + options_.probePauseCostUs, kProbeDone, e.a,
-                         1);
+                // An idle thread only sleeps: none of a probe's work around the pause.
+                schedule(gNowUs + t.intervalMs * kMs, kProbeDone, e.a, 1);
             }
             break;
         }

@@ -43,17 +43,22 @@ struct ReplayOptions {
     FILE* log = nullptr;
     // Offset of the main loop's period against the trace's start, ms; -1 draws it from the seed.
     int64_t loopPhaseMs = -1;
+    // Offset of the probe threads' cycle against their start, microseconds: a live thread's
+    // pause drifts against the other loops, so where it stands when probing is resumed varies.
+    int64_t probePhaseUs = 0;
     // Mixed into the trace's seed for the per-packet draws and the phases.
     uint64_t seed = 0;
     // What a real run adds to each period, microseconds: the main loop's work before its sleep,
-    // the monitor's dump before its wait, a probe thread's wake-up after its pause. 0 models
-    // work that takes no time; a live run on a busy host measures a few milliseconds.
+    // the monitor's dump before its wait, a probe thread's work around the pause after a probe. 0
+    // models work that takes no time; a live run on a busy host measures a few milliseconds.
     int64_t loopCostUs = 0;
     int64_t monitorCostUs = 0;
     int64_t probePauseCostUs = 0;
     // The time a switch's rule commands and socket resets take on the main loop: the game's
     // sockets are reset that much after the switch, and the next period begins that much later.
     int64_t switchCostUs = 0;
+    // The time the probe and its server spend on each exchange beyond the round trip.
+    int64_t probeExchangeCostUs = 0;
 };
 
 struct SwitchRecord {

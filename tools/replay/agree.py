@@ -31,6 +31,7 @@ def stamp_us(line, year):
 POLL = re.compile(r"Mlbd-SocketMonitor: checkGamingServerRtt rtt is")
 CHOICE = re.compile(r"Mlbd-SlaPing: getFastestInterface SLA_RTT fastest Interface is")
 RESET_DONE = re.compile(r"SLA_GAMING (Error )?destroying UDP sockets")
+PROBE_RTT = re.compile(r"TCPing cacla rtt is (\d+),")
 PROBE_START = re.compile(r"Mlbd-Tcping: populateTcpingSocket server is")
 PROBE_END = re.compile(r"Mlbd-Tcping: (TCPing cacla rtt|connect failed|recieve failed)")
 
@@ -47,7 +48,7 @@ def live(dir_):
         t0 = int(re.search(r"play start (\d+)", f.read()).group(1))
     year = time.localtime(t0 / 1e6).tm_year
     switches, sls, ticks, polls, choices, pauses, ended = [], None, [], [], [], [], {}
-    switch_costs, switched_at = [], None
+    switch_costs, switched_at, started, extra, first_probe = [], None, {}, [], None
     with open(os.path.join(dir_, "mlbd.log"), errors="replace") as f:
         for line in f:
             t = stamp_us(line, year)
@@ -71,33 +72,47 @@ def live(dir_):
             tid = line.split()[3] if len(line.split()) > 3 else ""
             if PROBE_END.search(line):
                 ended[tid] = t
-            elif PROBE_START.search(line) and tid in ended:
-                pauses.append(t - ended.pop(tid))
+                m = PROBE_RTT.search(line)
+                if m and tid in started:
+                    # Beyond the handshake and ten round trips at the reported RTT.
+                    extra.append((t - started[tid] - 11 * int(m.group(1)) * 1000) / 10)
+            elif PROBE_START.search(line):
+                started[tid] = t
+                if first_probe is None:
+                    first_probe = t
+                if tid in ended:
+                    pauses.append(t - ended.pop(tid))
     pauses.sort()
     switch_costs.sort()
     costs = (median_cost(sorted(choices + ticks), 1000000, 1100000),
              median_cost(polls, 1000000, 1500000),
              max(0.0, (pauses[len(pauses) // 2] - 500000) / 1000) if pauses else 0.0,
-             switch_costs[len(switch_costs) // 2] / 1000 if switch_costs else 0.0)
-    return t0, sls, ticks, switches, costs
+             switch_costs[len(switch_costs) // 2] / 1000 if switch_costs else 0.0,
+             max(0.0, sorted(extra)[len(extra) // 2] / 1000) if extra else 0.0)
+    return t0, sls, ticks, choices, switches, costs, first_probe
 
 
 def one(replay, trace, dir_):
-    t0, sls, ticks, switches, costs = live(dir_)
+    t0, sls, ticks, choices, switches, costs, first_probe = live(dir_)
     if sls is None:
         return {"scenario": os.path.basename(trace), "error": "selection never started"}
     # The replay starts selection where the live daemon did, with the live loop's phase.
     sls_ms = max(0, (sls - t0) // 1000)
+    # The main loop's phase from its first choice: its ticks are visible only while the choice
+    # runs (before that, only rule rebuilds log, and they shift the loop's phase by their own
+    # length), and only ticks that choose matter.
     period = 1000 + costs[0]
-    after = [t for t in ticks if t >= sls]
+    after = [t for t in choices if t >= sls] or [t for t in ticks if t >= sls]
     phase = int(((after[0] - t0) / 1000) % period) if after else -1
+    # Where the probe threads' cycle stood: their first probe after probing was resumed.
+    probe_phase = int(((first_probe - sls) / 1000) % 500) if first_probe else 0
     with open(trace) as f:
         text = f.read()
     shifted = os.path.join(dir_, "replay.trace")
     with open(shifted, "w") as f:
         f.write(text + f"\nsls {sls_ms}ms\n")
     # The periods of the live run's loops, as measured in its log.
-    args = [replay, "--costs", ",".join(f"{c:.1f}" for c in costs),
+    args = [replay, "--costs", ",".join(f"{c:.1f}" for c in costs), "--probe-phase", str(probe_phase),
             "--log", os.path.join(dir_, "replay.log"), shifted]
     if phase >= 0:
         args[1:1] = ["--loop-phase", str(phase)]
@@ -107,7 +122,7 @@ def one(replay, trace, dir_):
     same = [s[1] for s in switches] == [s[1] for s in rep]
     diff = max((abs(a[0] - b[0]) for a, b in zip(switches, rep)), default=0.0) if same else None
     return {"scenario": os.path.basename(trace)[:-len(".trace")], "sls_start_s": sls_ms / 1000,
-            "loop_phase_ms": phase, "costs_ms": costs, "live": switches, "replay": rep, "same_order": same,
+            "loop_phase_ms": phase, "probe_phase_ms": probe_phase, "costs_ms": costs, "live": switches, "replay": rep, "same_order": same,
             "max_diff_s": diff}
 
 

@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -33,9 +34,11 @@ void usage(FILE* out) {
             "  --loop-phase MS   the main loop's offset against the start of selection (default:\n"
             "                    drawn from the seed)\n"
             "  --seed N          mixed into the trace's seed for the per-packet draws\n"
-            "  --costs L,M,P[,S] milliseconds a real run adds to each main-loop period, monitor\n"
-            "                    period and probe pause, and takes for a switch's rules and\n"
-            "                    socket resets (default 0; agree.sh measures them)\n"
+            "  --probe-phase MS  the probe threads' cycle starts this much after their start\n"
+            "  --costs L,M,P[,S[,X]]  milliseconds a real run adds to each main-loop period,\n"
+            "                    monitor period and pause after a probe, takes for a switch's\n"
+            "                    rules and socket resets, and adds to each probe exchange\n"
+            "                    (default 0; agree.sh measures them)\n"
             "  --from-log LOG    rebuild a trace from a daemon log (host stderr or logcat -v\n"
             "                    threadtime: the probe and monitor lines) and replay it\n"
             "  --write-trace F   with --from-log: also write the rebuilt trace to F\n");
@@ -54,6 +57,7 @@ int main(int argc, char** argv) {
             {"seed", required_argument, nullptr, 'r'},
             {"from-log", required_argument, nullptr, 'f'},
             {"costs", required_argument, nullptr, 'C'},
+            {"probe-phase", required_argument, nullptr, 'P'},
             {"write-trace", required_argument, nullptr, 'w'},
             {"help", no_argument, nullptr, 'h'},
             {nullptr, 0, nullptr, 0},
@@ -88,16 +92,20 @@ int main(int argc, char** argv) {
             case 'f':
                 fromLog = optarg;
                 break;
+            case 'P':
+                options.probePhaseUs = std::max(0LL, strtoll(optarg, nullptr, 10)) * 1000;
+                break;
             case 'C': {
-                double l = 0, m = 0, p = 0, w = 0;
-                const int n = sscanf(optarg, "%lf,%lf,%lf,%lf", &l, &m, &p, &w);
-                if ((n != 3 && n != 4) || l < 0 || m < 0 || p < 0 || w < 0 || l > 1000 ||
-                    m > 1000 || p > 1000 || w > 5000) {
+                double l = 0, m = 0, p = 0, w = 0, x = 0;
+                const int n = sscanf(optarg, "%lf,%lf,%lf,%lf,%lf", &l, &m, &p, &w, &x);
+                if (n < 3 || l < 0 || m < 0 || p < 0 || w < 0 || x < 0 || l > 1000 || m > 1000 ||
+                    p > 1000 || w > 5000 || x > 1000) {
                     fprintf(stderr,
                             "mlbd-replay: --costs wants 3 or 4 milliseconds, e.g. 1,10,1,150\n");
                     return 2;
                 }
                 options.switchCostUs = static_cast<int64_t>(w * 1000);
+                options.probeExchangeCostUs = static_cast<int64_t>(x * 1000);
                 options.loopCostUs = static_cast<int64_t>(l * 1000);
                 options.monitorCostUs = static_cast<int64_t>(m * 1000);
                 options.probePauseCostUs = static_cast<int64_t>(p * 1000);
