@@ -1,7 +1,7 @@
 #!/bin/bash
 # Agreement of the selection lab's replay with the live daemon.
 #
-#   tools/replay/agree.sh [SCENARIO.trace...]     (root; default: five scenarios of the library)
+#   tools/replay/agree.sh [SCENARIO.trace...]     (root; default: nine scenarios, about 17 minutes)
 #
 # For each trace: in a private network namespace joined to a peer namespace by the link emulator
 # (as tools/run-host.sh does), the real daemon (build/mlbd, built-in defaults) selects links for a
@@ -83,7 +83,8 @@ cmake --build "$build" --target mlbd mlbdctl sla-standin link-emulator rtt-respo
     >/dev/null
 traces=("$@")
 if [ ${#traces[@]} -eq 0 ]; then
-    for s in step-300 step-150 spike-3s drift outage-10s outage-2s bufferbloat; do
+    for s in step-300 step-150 spike-3s drift outage-10s outage-2s bufferbloat wifi-recovers \
+        outage-60s; do
         traces+=("$here/tools/replay/scenarios/$s.trace")
     done
 fi
