@@ -44,6 +44,7 @@
 #include <vector>
 
 #include "StopSignals.h"
+#include "replay/Trace.h"
 
 namespace {
 
@@ -72,6 +73,7 @@ void usage(FILE* out) {
             "                    --link NAME:PEERNAME[:delay=D][:rate=R][:loss=L] [--link ...]\n"
             "  link-emulator set NAME KEY=VALUE... [--control SOCKPATH]\n"
             "  link-emulator show [--control SOCKPATH]\n"
+            "  link-emulator play TRACE [--control SOCKPATH]\n"
             "\n"
             "run: emulates network links between this process's network namespace (the device)\n"
             "and the namespace PATH (the networks behind the links; e.g. /run/netns/X,\n"
@@ -101,6 +103,10 @@ void usage(FILE* out) {
             "    link-emulator set wlan0 delay=150ms rate=2000kbit loss=1%%\n"
             "show: prints each link's settings and packet counters; \"up\" is NAME to PEERNAME,\n"
             "    \"down\" the way back; dropped counts loss, full queues and failed writes.\n"
+            "play: plays a selection-lab trace (see README.md, \"Selection lab\") on the running\n"
+            "    emulator: from its start, each change of a link's round trip, loss or up/down\n"
+            "    state is set at its time (delay=RTT, loss=LOSS, a link that is down loses\n"
+            "    100%%). Prints \"play start EPOCH_US\" first, and ends with the trace.\n"
             "set and show exit 0 when the emulator accepted the command, 1 otherwise (error\n"
             "text on stderr), and give up after 3 s.\n"
             "\n"
@@ -718,8 +724,8 @@ int runEmulator(int argc, char** argv, const std::string& defaultSocket) {
     return emulator.run();
 }
 
-// Sends one command line to the running emulator and prints its answer.
-int runClient(const std::string& socketPath, const std::string& line) {
+// Sends one command line to the running emulator and prints its answer (unless `quiet`).
+int runClient(const std::string& socketPath, const std::string& line, bool quiet = false) {
     struct sockaddr_un sa;
     if (!fillUnixAddress(socketPath, &sa)) {
         fprintf(stderr, "link-emulator: bad control socket path %s\n", socketPath.c_str());
@@ -767,8 +773,57 @@ int runClient(const std::string& socketPath, const std::string& line) {
         fprintf(stderr, "link-emulator: %s\n", answer.c_str());
         return 1;
     }
-    fputs(answer.c_str(), stdout);
+    if (!quiet) fputs(answer.c_str(), stdout);
     return 0;
+}
+
+// Plays a trace's link changes on the running emulator, each at its time from now.
+int playTrace(const std::string& socketPath, const std::string& path) {
+    mlbd::replay::Trace trace;
+    std::string why;
+    if (!mlbd::replay::loadTrace(path, &trace, &why)) {
+        fprintf(stderr, "link-emulator: %s: %s\n", path.c_str(), why.c_str());
+        return 2;
+    }
+    struct Step {
+        int64_t atMs;
+        std::string line;
+    };
+    std::vector<Step> steps;
+    for (const mlbd::replay::TraceLink& link : trace.links) {
+        for (const mlbd::replay::LinkPoint& p : link.points) {
+            char line[128];
+            snprintf(line, sizeof(line), "set %s delay=%lldms loss=%g%%", link.name.c_str(),
+                     static_cast<long long>(llround(p.rttMs)), p.up ? p.loss * 100.0 : 100.0);
+            steps.push_back(Step{p.atMs, line});
+        }
+    }
+    std::stable_sort(steps.begin(), steps.end(),
+                     [](const Step& a, const Step& b) { return a.atMs < b.atMs; });
+    struct timespec start;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    struct timeval wall;
+    gettimeofday(&wall, nullptr);
+    printf("play start %lld\n", static_cast<long long>(wall.tv_sec) * 1000000LL + wall.tv_usec);
+    fflush(stdout);
+    auto sleepUntil = [&start](int64_t ms) {
+        struct timespec at = start;
+        at.tv_sec += ms / 1000;
+        at.tv_nsec += (ms % 1000) * 1000000L;
+        if (at.tv_nsec >= 1000000000L) {
+            at.tv_sec += 1;
+            at.tv_nsec -= 1000000000L;
+        }
+        while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr) == EINTR) {
+        }
+    };
+    int failures = 0;
+    for (const Step& step : steps) {
+        sleepUntil(step.atMs);
+        if (runClient(socketPath, step.line, true) != 0) ++failures;
+    }
+    sleepUntil(trace.durationMs);
+    return failures == 0 ? 0 : 1;
 }
 
 }  // namespace
@@ -781,6 +836,25 @@ int main(int argc, char** argv) {
     if (mode == "--help" || mode == "-h" || mode == "help") {
         usage(stdout);
         return 0;
+    }
+    if (mode == "play") {
+        std::string socketPath = defaultSocket, trace;
+        for (int i = 2; i < argc; ++i) {
+            const std::string arg = argv[i];
+            if (arg == "--control" && i + 1 < argc) {
+                socketPath = argv[++i];
+            } else if (trace.empty() && arg.compare(0, 1, "-") != 0) {
+                trace = arg;
+            } else {
+                fprintf(stderr, "link-emulator: usage: play TRACE [--control SOCKPATH]\n");
+                return 2;
+            }
+        }
+        if (trace.empty()) {
+            fprintf(stderr, "link-emulator: usage: play TRACE [--control SOCKPATH]\n");
+            return 2;
+        }
+        return playTrace(socketPath, trace);
     }
     if (mode != "set" && mode != "show") {
         fprintf(stderr, "link-emulator: %s; see link-emulator --help\n",

@@ -75,7 +75,13 @@ void SlaTcpSocketMonitor::finalize() {
     sInstance = nullptr;
 }
 
-SlaTcpSocketMonitor::SlaTcpSocketMonitor() : params_(Parameters::instance()) {
+SlaTcpSocketMonitor::SlaTcpSocketMonitor() : SlaTcpSocketMonitor(DumpSource()) {
+    std::lock_guard<std::mutex> guard(lock_);
+    thread_ = std::thread(&SlaTcpSocketMonitor::threadLoop, this);
+}
+
+SlaTcpSocketMonitor::SlaTcpSocketMonitor(DumpSource source)
+    : params_(Parameters::instance()), source_(std::move(source)) {
     sockets.max_load_factor(1.0f);
     std::lock_guard<std::mutex> guard(lock_);
     pollIntervalMs = kPollIntervalMs;
@@ -85,7 +91,6 @@ SlaTcpSocketMonitor::SlaTcpSocketMonitor() : params_(Parameters::instance()) {
     // start of smart link selection makes one).
     gamingUid = leadingUid(params_->getGamingUids());
     rttThreshold = params_->rtt_exit_threshold;
-    thread_ = std::thread(&SlaTcpSocketMonitor::threadLoop, this);
 }
 
 SlaTcpSocketMonitor::~SlaTcpSocketMonitor() {
@@ -136,17 +141,18 @@ void SlaTcpSocketMonitor::poll() {
     std::lock_guard<std::mutex> guard(lock_);
     if (paused) return;
     SockDiag diag;
-    if (!diag.open()) {
+    if (!source_ && !diag.open()) {
         // Without its sockets the dump could only fail: the cycle ends here, and the map stays
         // as it was, as after a failed dump.
         LOGE("Error opening sock diag for polling TCP socket info");
         return;
     }
     const Clock::time_point now = Clock::now();
-    int ret = diag.getLiveTcpInfos(
-            [this, now](const inet_diag_msg* msg, const tcp_info_ext* info, uint32_t len) {
-                updateSocketStats(now, msg, info, len);
-            });
+    const SockDiag::TcpInfoReader reader = [this, now](const inet_diag_msg* msg,
+                                                       const tcp_info_ext* info, uint32_t len) {
+        updateSocketStats(now, msg, info, len);
+    };
+    int ret = source_ ? source_(reader) : diag.getLiveTcpInfos(reader);
     if (ret != 0) {
         LOGE("Failed to poll TCP socket info: %s", strerror(-ret));
         return;

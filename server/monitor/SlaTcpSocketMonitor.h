@@ -21,6 +21,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -52,8 +53,15 @@ class SlaTcpSocketMonitor {
     // Stops and joins the thread and forgets the monitor, if there is one.
     static void finalize();
 
+    // One dump of TCP sockets handed to the reader; 0 or a negative errno, as
+    // SockDiag::getLiveTcpInfos.
+    using DumpSource = std::function<int(const android::net::SockDiag::TcpInfoReader& reader)>;
+
     // instance() is the normal way in; tests make their own.
     SlaTcpSocketMonitor();
+    // A monitor without a thread, driven by its owner (poll(), selectServer()), whose dumps come
+    // from `source` instead of the kernel: the same rules on a simulated clock and network.
+    explicit SlaTcpSocketMonitor(DumpSource source);
     ~SlaTcpSocketMonitor();
     SlaTcpSocketMonitor(const SlaTcpSocketMonitor&) = delete;
     SlaTcpSocketMonitor& operator=(const SlaTcpSocketMonitor&) = delete;
@@ -96,4 +104,5 @@ class SlaTcpSocketMonitor {
     uint32_t staleCount = 0;
     uint32_t prevRttMs = 0;
     Parameters* const params_;
+    const DumpSource source_;
 };

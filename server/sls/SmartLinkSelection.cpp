@@ -9,6 +9,7 @@
 #include <string.h>
 #include <time.h>
 
+#include <atomic>
 #include <mutex>
 
 #include "iptables/IptablesManager.h"
@@ -26,6 +27,8 @@ namespace {
 // Guards the instance pointer; recursive, so that a holder may call in again.
 std::recursive_mutex sMutex;
 std::shared_ptr<SmartLinkSelection> sInstance;
+std::atomic<SmartLinkSelection::ThreadStarter> sThreadStarter{nullptr};
+std::atomic<SmartLinkSelection::SocketKiller> sSocketKiller{nullptr};
 
 struct timeval timeOfDay() {
     struct timeval now;
@@ -88,9 +91,23 @@ void SmartLinkSelection::initPingThreads() {
     switchCount = 0;
 }
 
+void SmartLinkSelection::setThreadStarter(ThreadStarter starter) {
+    sThreadStarter = starter;
+}
+
+void SmartLinkSelection::setSocketKiller(SocketKiller killer) {
+    sSocketKiller = killer;
+}
+
 void SmartLinkSelection::createRttThreads() {
+    const ThreadStarter starter = sThreadStarter.load(std::memory_order_relaxed);
     for (const auto& entry : rttMap) {
         if (entry.second->thread != InterfaceRtt::kNoThread) continue;
+        if (starter != nullptr) {
+            pthread_t thread;
+            if (starter(entry.second, &thread)) entry.second->thread = thread;
+            continue;
+        }
         // The thread takes over its own reference to the record.
         auto* arg = new std::shared_ptr<InterfaceRtt>(entry.second);
         pthread_attr_t attr;
@@ -298,9 +315,9 @@ const char* SmartLinkSelection::calcInterface() {
         // Failures are logged by the rule code; the applications reconnect over the new link.
         rules->set_SLS_interface(nameOf(current));
         wifiChosen = startsWith(current->name, "wlan");
-        for (const std::string& uid : params->getGamingUidList()) {
-            android::net::killSocketsForUID(uid.c_str());
-        }
+        SocketKiller killer = sSocketKiller.load(std::memory_order_relaxed);
+        if (killer == nullptr) killer = &android::net::killSocketsForUID;
+        for (const std::string& uid : params->getGamingUidList()) killer(uid.c_str());
     }
     return nameOf(current);
 }

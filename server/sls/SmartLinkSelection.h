@@ -58,6 +58,15 @@ class SmartLinkSelection {
     // Test seam: the time of day the hysteresis reads.
     void setClock(Clock clock) { clock_ = clock; }
 
+    // Seams for running selection on a virtual clock (host tools): what starts a record's probe
+    // thread (true with the handle set, false when none could be started), and what resets one
+    // UID's sockets after a switch. Null, the default: a detached thread on makeRawPingFunc, and
+    // killSocketsForUID. Set before any instance is made.
+    using ThreadStarter = bool (*)(const std::shared_ptr<InterfaceRtt>& rec, pthread_t* thread);
+    using SocketKiller = int (*)(const char* uid);
+    static void setThreadStarter(ThreadStarter starter);
+    static void setSocketKiller(SocketKiller killer);
+
     RttMap rttMap;
     std::shared_ptr<InterfaceRtt> current;
     struct timeval lastSwitchTime = {};

@@ -121,10 +121,14 @@ int Tcping::getTcpingRtt(sls_tcping_info* info) {
         closeSocket(info);
         return -1;
     }
-    // A link faster than a millisecond counts as 1 ms: 0 would read as no measurement.
-    info->rtt = tcpInfo.tcpi_rtt < 1000 ? 1 : tcpInfo.tcpi_rtt / 1000;
+    const uint32_t kernelRttUs = tcpInfo.tcpi_rtt;
     closeSocket(info);
+    return reportRtt(info, kernelRttUs);
+}
 
+int Tcping::reportRtt(sls_tcping_info* info, uint32_t kernelRttUs) {
+    // A link faster than a millisecond counts as 1 ms: 0 would read as no measurement.
+    info->rtt = kernelRttUs < 1000 ? 1 : kernelRttUs / 1000;
     // During a call a weak Wi-Fi signal makes Wi-Fi look slower.
     Parameters* params = Parameters::instance();
     if (params->isVoipRunning() && info->ifaceName != nullptr &&

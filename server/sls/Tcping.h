@@ -28,6 +28,9 @@ class Tcping {
     int populateTcpingSocket(sls_tcping_info* info);
     // Connects, exchanges and reads the RTT; the RTT in ms or -1. Closes the socket.
     int getTcpingRtt(sls_tcping_info* info);
+    // The result of a probe whose connection's kernel RTT (tcpi_rtt) was `kernelRttUs`: in ms,
+    // with the Wi-Fi penalty of a call added, logged. Also used by tools that simulate probes.
+    static int reportRtt(sls_tcping_info* info, uint32_t kernelRttUs);
     // Fills the first length - 2 bytes with random letters and digits and a zero at
     // length - 1; the byte at length - 2 keeps what the caller put there.
     static void genRandomString(int length, char* buffer);
