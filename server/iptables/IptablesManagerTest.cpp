@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
 #include <set>
 
 #include "iptables/IptablesManager.h"
@@ -50,13 +52,16 @@ class IptablesManagerTest : public ::testing::Test {
         for (InterfaceInfo_t& r : records_) Peer::interfaces(params_)[r.name] = &r;
     }
     int setSla(const std::map<std::string, float>& ratios) {
+        return setSlaOn(IptablesManager::instance(), ratios);
+    }
+    int setSlaOn(IptablesManager* mgr, const std::map<std::string, float>& ratios) {
         std::map<std::string, linkStatsWrapper_t*> wrappers;
         for (const auto& [name, ratio] : ratios) {
             linkStatsWrapper_t& w = *(wrappers[name] = &wrappers_[name]);
             snprintf(w.interfaceName, sizeof(w.interfaceName), "%s", name.c_str());
             w.interfaceRatio = ratio;
         }
-        return IptablesManager::instance()->set_SLA_ratio_iptables(wrappers);
+        return mgr->set_SLA_ratio_iptables(wrappers);
     }
     Lines take() {
         Lines lines = rec_->lines();
@@ -132,6 +137,88 @@ TEST_F(IptablesManagerTest, HostileInputNeverEntersACommandLine) {
         EXPECT_EQ(std::string::npos, line.find("vexa_fw_x")) << line;
     }
     EXPECT_EQ((std::set<std::string>{"0", "10006", "4294967294"}), owners);
+}
+
+// The whole life of the rules with an IPv6 front-end in place, in three set-ups: "ipv6" 0 (no
+// IPv6 command at all: the lines are those checked above), "ipv6" 1 with the front-end missing
+// (logged, then the same lines), and "ipv6" 1: per operation its IPv4 lines, with the masquerade
+// of each link's v4- companion after the link's own, then the same arguments again for IPv6.
+TEST_F(IptablesManagerTest, BothFamiliesPerOperation) {
+    std::string tmpl = mlbd::scratchDirectory() + "/mlbd-ipt6-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(&tmpl[0]));
+    const std::string root = tmpl.c_str(), bin = root + "/system/bin/";
+    setenv("MLBD_ROOT", root.c_str(), 1);
+    const std::string ipt4 = bin + "iptables-wrapper-1.0 ", ipt6 = bin + "ip6tables-wrapper-1.0 ",
+                      ip = bin + "ip-wrapper-1.0 ";
+    // Operation, and the IPv6 lines it must add (written out for the rules that differ by
+    // family or carry computed text; the rest is checked against the IPv4 lines).
+    IptablesManager* mgr = nullptr;
+    const std::vector<std::pair<std::function<int()>, Lines>> ops = {
+            {[&] { return (mgr = new IptablesManager()) ? 0 : -1; }, {}},
+            {[&] { return mgr->setup_SLM_iptables_FWMARK_chains(); },
+             {ip + "-6 rule add fwmark 0x5C table 92 prio 30000",
+              ipt6 + "-w -t nat -I vexa_nat_POSTROUTING_SLM -o rmnet_data0 -j MASQUERADE"}},
+            {[&] { return mgr->setup_slm_whitelist(); }, {}},
+            {[&] { return mgr->setup_uid_whitelist(); }, {}},
+            {[&] { return mgr->setup_SLS_iptables_UID_chains(); }, {}},
+            {[&] { return mgr->set_SLS_interface("rmnet_data0"); },
+             {ipt6 + " -w -t mangle -A vexa_SLS -j vexa_sls_uid_rmnet_data0"}},
+            {[&] {
+                 return setSlaOn(mgr, {{"wlan0", 0.25f}, {"rmnet_data0", 0.5f}});
+             },
+             {ipt6 + "-w -t " + kRatio + "0.250000 -j vexa_fw_wlan0",
+              ipt6 + "-w -t " + kRatio + "0.666667 -j vexa_fw_rmnet_data0_wrapper"}},
+            {[&] { return mgr->cleanup_SLS_iptables_UID_chains(); }, {}},
+            {[&] { return delete mgr, 0; }, {ip + "-6 rule del fwmark 0x5C prio 30000"}},
+    };
+    std::vector<Lines> ipv4Only;
+    for (const int setup : {0, 1, 2}) {
+        SCOPED_TRACE(setup);
+        params_->ipv6 = setup != 0;
+        ASSERT_EQ(0, system(("rm -rf " + bin + " && mkdir -p " + bin).c_str()));
+        if (setup == 2) {
+            ASSERT_EQ(0, system(("install /dev/null " + ipt6).c_str()));
+        }
+        testing::internal::CaptureStderr();
+        for (size_t i = 0; i < ops.size(); ++i) {
+            take();
+            EXPECT_EQ(0, ops[i].first());
+            const Lines lines = take();
+            for (const std::string& line : lines) {
+                if (setup < 2) {
+                    EXPECT_TRUE(line.find("ip6tables") == line.npos &&
+                                line.find(" -6 ") == line.npos && line.find("v4-") == line.npos)
+                            << line;
+                }
+            }
+            if (setup == 0) ipv4Only.push_back(lines);
+            if (setup < 2) {
+                EXPECT_EQ(ipv4Only[i], lines);
+                continue;
+            }
+            // The IPv4 lines with the companions' masquerades, then their IPv6 forms.
+            Lines expected, ipv6;
+            for (const std::string& line : ipv4Only[i]) {
+                expected.push_back(line);
+                const size_t at = line.find(" -o ");
+                if (at != line.npos)
+                    expected.push_back(line.substr(0, at + 4) + "v4-" + line.substr(at + 4));
+                ipv6.push_back(line.compare(0, ipt4.size(), ipt4) == 0
+                                       ? ipt6 + line.substr(ipt4.size())
+                                       : ip + "-6" + line.substr(ip.size() + 2));
+            }
+            expected.insert(expected.end(), ipv6.begin(), ipv6.end());
+            EXPECT_EQ(expected, lines);
+            for (const std::string& line : ops[i].second) {
+                EXPECT_EQ(1, std::count(lines.begin(), lines.end(), line)) << line;
+            }
+        }
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(setup == 1, log.find("IPv6 steering skipped: " + ipt6.substr(0, ipt6.size() - 1) +
+                                       " cannot be run (No such file or directory); IPv4 "
+                                       "steering goes on") != log.npos);
+    }
+    ASSERT_EQ(0, system(("rm -rf " + root).c_str()));
 }
 
 // A command longer than 511 characters ends the process instead of running cut.
