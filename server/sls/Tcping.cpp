@@ -35,6 +35,18 @@ void closeSocket(sls_tcping_info* info) {
     info->sockfd = -1;
 }
 
+// The IPv6 default target to probe instead when the configured IPv4 default target cannot be
+// reached through the link for want of an IPv4 route (an IPv6-only link); null otherwise.
+const char* ipv6DefaultTargetFor(const sls_tcping_info* info, int connectError) {
+    Parameters* params = Parameters::instance();
+    if (!params->isIpv6Enabled() || info->ipv6 || connectError != ENETUNREACH ||
+        params->rttServer6.empty() || info->server == nullptr ||
+        params->rttServerDefault != info->server) {
+        return nullptr;
+    }
+    return params->rttServer6.c_str();
+}
+
 }  // namespace
 
 int Tcping::updateTcpingRtt(sls_tcping_info* info) {
@@ -47,13 +59,15 @@ int Tcping::populateTcpingSocket(sls_tcping_info* info) {
     // A target that cannot be reached by its nature is a miss with a clear line, not a
     // connection attempt to the broadcast address or to port 0.
     in_addr_t address = inet_addr(server);
-    if (address == INADDR_NONE || info->port == 0 || info->port > 0xFFFF) {
+    info->ipv6 = Parameters::instance()->isIpv6Enabled() &&
+                 inet_pton(AF_INET6, server, &info->serverAddr6.sin6_addr) == 1;
+    if ((address == INADDR_NONE && !info->ipv6) || info->port == 0 || info->port > 0xFFFF) {
         LOGE("populateTcpingSocket rtt server %s port %u is not an IPv4 address and port", server,
              info->port);
         return -1;
     }
 
-    info->sockfd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    info->sockfd = socket(info->ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (info->sockfd < 0) {
         LOGE("create socket failed of client!\n");
         return -1;
@@ -62,6 +76,8 @@ int Tcping::populateTcpingSocket(sls_tcping_info* info) {
     info->serverAddr.sin_family = AF_INET;
     info->serverAddr.sin_port = htons(static_cast<uint16_t>(info->port));
     info->serverAddr.sin_addr.s_addr = address;
+    info->serverAddr6.sin6_family = AF_INET6;
+    info->serverAddr6.sin6_port = info->serverAddr.sin_port;
 
     // The send time-out also bounds the connect.
     struct timeval timeout = {0, kTimeoutUs};
@@ -88,8 +104,28 @@ int Tcping::populateTcpingSocket(sls_tcping_info* info) {
 }
 
 int Tcping::getTcpingRtt(sls_tcping_info* info) {
-    if (connect(info->sockfd, reinterpret_cast<const sockaddr*>(&info->serverAddr),
-                sizeof(info->serverAddr)) != 0) {
+    const bool connected =
+            info->ipv6
+                    ? connect(info->sockfd, reinterpret_cast<const sockaddr*>(&info->serverAddr6),
+                              sizeof(info->serverAddr6)) == 0
+                    : connect(info->sockfd, reinterpret_cast<const sockaddr*>(&info->serverAddr),
+                              sizeof(info->serverAddr)) == 0;
+    if (!connected) {
+        const int error = errno;
+        if (const char* target = ipv6DefaultTargetFor(info, error)) {
+            LOGD("getTcpingRtt %s has no IPv4 route, probing the IPv6 default target %s",
+                 info->ifaceName != nullptr ? info->ifaceName : "", target);
+            closeSocket(info);
+            sls_tcping_info over6 = *info;
+            over6.server = target;
+            const int rtt = updateTcpingRtt(&over6);
+            info->rtt = over6.rtt;
+            return rtt;
+        }
+        if (Parameters::instance()->isIpv6Enabled()) {
+            LOGD("getTcpingRtt %s to %s: %s", info->ifaceName != nullptr ? info->ifaceName : "",
+                 info->server != nullptr ? info->server : "", strerror(error));
+        }
         LOGE("connect failed of client!\n");
         closeSocket(info);
         return -1;
