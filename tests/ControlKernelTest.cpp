@@ -115,7 +115,8 @@ class ControlKernelTest : public ::testing::Test {
         std::string why;
         if (!Netns::enterPrivate(&why)) GTEST_SKIP() << "real-kernel test skipped: " << why;
         // Probes every 100 ms, each taken as it comes; one decision every 200 ms.
-        root_ = makeRoot("ping_interval_ms=100\nalpha_percent=100\nmini_est_interval=200\n");
+        root_ = makeRoot("ping_interval_ms=100\nalpha_percent=100\nmini_est_interval=200\n" +
+                         extraConf());
         ASSERT_NE("", root_);
         ASSERT_TRUE(net_.startPeer());
         ASSERT_TRUE(links_.start(net_, 20, 160, &why)) << why;
@@ -164,6 +165,7 @@ class ControlKernelTest : public ::testing::Test {
         if (!root_.empty()) Netns::run("rm -rf " + root_);
     }
 
+    virtual std::string extraConf() const { return ""; }
     static void stop(pid_t* pid) {
         if (*pid > 0) kill(*pid, SIGKILL), Netns::waitChild(*pid), *pid = -1;
     }
@@ -190,11 +192,12 @@ class ControlKernelTest : public ::testing::Test {
 
     // The game: holds one connection to its server, exchanging a 28-byte update for a 30-byte
     // answer every 50 ms, and reconnects whenever it is cut off.
-    void startGame() {
+    template <typename Addr = sockaddr_in>
+    void startGame(const Addr& server = kGameServer) {
         GameState* game = game_;
-        gamePid_ = forkAs(kGame, [game] {
+        gamePid_ = forkAs(kGame, [game, server] {
             for (char buf[30] = {};; usleep(50000)) {
-                const int fd = connectTo(kGameServer);
+                const int fd = connectTo(server);
                 game->connects += fd >= 0;
                 errno = 0;
                 while (fd >= 0 && send(fd, buf, 28, MSG_NOSIGNAL) == 28 &&
@@ -328,6 +331,53 @@ TEST_F(ControlKernelTest, WhitelistSteersWebTrafficAndShutDownUndoesEverything) 
     ASSERT_TRUE(command(0, ""));
     ASSERT_TRUE(logged("recv msg: msg.id=0")) << log();
     EXPECT_EQ("", output());
+}
+
+// The same daemon with "ipv6" set, the game's server at fd99::1 (port 5060) in the peer: the
+// monitor makes it the probe target, the probes measure it over IPv6 through each link, and when
+// Wi-Fi slows down the game is moved to cellular and reconnects over it, with its mark.
+class ControlKernelIpv6Test : public ControlKernelTest {
+  protected:
+    std::string extraConf() const override { return "ipv6=1\n"; }
+    void SetUp() override {
+        ControlKernelTest::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        ASSERT_EQ(0, net_.runInPeer("ip addr add fd99::1 dev lo"));
+        ASSERT_EQ(0, Netns::run("cd " + root_ +
+                                " && for i in wlan0 rmnet_data0; do system/bin/ip-wrapper-1.0 -6 "
+                                "route add default dev $i table $i; done"));
+        responder6_ = spawn("nsenter --net=" + net_.peerPath() +
+                            " " MLBD_BINARY_DIR
+                            "/tools/rtt-responder --address fd99::1 --port 5060 2>/dev/null");
+    }
+    void TearDown() override {
+        stop(&responder6_);
+        ControlKernelTest::TearDown();
+    }
+    pid_t responder6_ = -1;
+};
+
+TEST_F(ControlKernelIpv6Test, Ipv6GameMovesWhenItsLinkSlowsDown) {
+    sockaddr_in6 server = {AF_INET6, htons(5060), 0, {}, 0};
+    ASSERT_EQ(1, inet_pton(AF_INET6, "fd99::1", &server.sin6_addr));
+    ASSERT_TRUE(command(MLBD_CMD_START_SLS, std::to_string(kGame)));
+    ASSERT_TRUE(until([] {
+        return output("ip6tables-save -t mangle").find("--uid-owner 10002 -j vexa_sls_wlan0") !=
+               npos;
+    }));
+    ASSERT_TRUE(until([&] {
+        const int fd = connectTo(server);
+        return fd >= 0 && close(fd) == 0;
+    }));
+    startGame(server);
+    const std::string game = "fd99:0000:0000:0000:0000:0000:0000:0001:5060 from ";
+    const std::string cell = "fd00:0002:0000:0000:0000:0000:0000:0002";
+    ASSERT_TRUE(links_.setDelay("wlan0", 300));
+    ASSERT_TRUE(until([&] {
+        return game_->aborts > 0 && count(flows(), game + cell + " mark=92") > 0;
+    })) << log();
+    EXPECT_GT(count(flows(), game + cell + " mark=0 assured"), 0);  // a probe over IPv6
+    EXPECT_NE(npos, log().find("perform switch rmnet_data0"));
 }
 
 }  // namespace
