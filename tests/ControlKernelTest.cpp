@@ -378,6 +378,10 @@ TEST_F(ControlKernelIpv6Test, Ipv6GameMovesWhenItsLinkSlowsDown) {
     })) << log();
     EXPECT_GT(count(flows(), game + cell + " mark=0 assured"), 0);  // a probe over IPv6
     EXPECT_NE(npos, log().find("perform switch rmnet_data0"));
+    const std::string status = mlbdctlStatus();
+    EXPECT_NE(npos, status.find("\"ipv6\": \"ok\", \"ipv6_links\": [{\"name\": \"rmnet_data0\""))
+            << status;
+    EXPECT_NE(npos, status.find("\"healthy\": true")) << status;
 }
 
 }  // namespace

@@ -24,6 +24,7 @@ namespace {
 using mlbd::test::Netns;
 using Lines = std::vector<std::string>;
 using Flows = std::map<std::string, int>;
+constexpr auto npos = std::string::npos;
 
 constexpr uid_t kListed = 10001;
 const sockaddr_in kServer4 = {AF_INET, htons(80), {htonl(0x0A630001)}, {}};  // 10.99.0.1:80
@@ -85,7 +86,7 @@ class DualStackKernelTest : public ::testing::Test {
         std::string why;
         if (!Netns::enterPrivate(&why)) GTEST_SKIP() << "real-kernel test skipped: " << why;
         mlbd::initLogging();
-        ASSERT_NE("", root_ = mlbd::test::makeRoot(""));
+        ASSERT_NE("", root_ = mlbd::test::makeRoot("ipv6=1\n"));
         setenv("MLBD_ROOT", root_.c_str(), 1);
         ASSERT_TRUE(net_.startPeer());
         ASSERT_TRUE(net_.addVeth("wlan0", "wlan0-net", "10.77.1.2/24", "10.77.1.1/24"));
@@ -126,7 +127,7 @@ class DualStackKernelTest : public ::testing::Test {
             ASSERT_EQ(0, listen(*fd, 4096));
         }
         Parameters* params = Parameters::instance();
-        params->ipv6 = 1;
+        ASSERT_TRUE(params->isIpv6Enabled());
         ParametersTestPeer::uidWhitelist(params) = {std::to_string(kListed)};
         mgr_ = IptablesManager::instance();
         ASSERT_EQ(0, mgr_->setup_SLM_iptables_FWMARK_chains());
@@ -138,6 +139,14 @@ class DualStackKernelTest : public ::testing::Test {
         }
         if (mgr_ != nullptr) IptablesManager::clean_SLM_iptables();
         if (!root_.empty()) Netns::run("rm -rf " + root_);
+    }
+    std::string status() const {
+        std::string out;
+        for (const std::string& line :
+             outputLines("MLBD_ROOT=" + root_ + " " MLBD_BINARY_DIR "/tools/mlbdctl status")) {
+            out += line + "\n";
+        }
+        return out;
     }
     void setRatios(float wlan, float cell) {
         linkStatsWrapper_t w, c;
@@ -193,6 +202,13 @@ TEST_F(DualStackKernelTest, Ipv6SplitsByTheSharesCompanionMasqueradesAndNothingI
     EXPECT_EQ((Lines{"-A vexa_nat_POSTROUTING_SLM -o v4-wlan0 -j MASQUERADE",
                      "-A vexa_nat_POSTROUTING_SLM -o v4-rmnet_data0 -j MASQUERADE"}),
               companions);
+    // mlbdctl reads both families back: healthy; without one IPv6 routing rule, half-programmed.
+    EXPECT_NE(npos, status().find("Health: OK (IPv4 and IPv6)\n")) << status();
+    ASSERT_EQ(0, Netns::run("ip -6 rule del pref 30000 fwmark 0x5a"));
+    EXPECT_NE(npos, status().find("Health: 2 problem(s) (IPv6 half-programmed)\n  - IPv6: ip rule "
+                                  "priority 30000 fwmark 0x5a (wlan0) missing\n  - IPv6 links, "
+                                  "marks, tables, split or gaming link differ from IPv4\n"))
+            << status();
     IptablesManager::clean_SLM_iptables();
     mgr_ = nullptr;
     EXPECT_EQ(Lines{}, savedRules(""));
