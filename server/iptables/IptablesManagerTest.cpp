@@ -177,7 +177,7 @@ TEST_F(IptablesManagerTest, BothFamiliesPerOperation) {
         params_->ipv6 = setup != 0;
         ASSERT_EQ(0, system(("rm -rf " + bin + " && mkdir -p " + bin).c_str()));
         if (setup == 2) {
-            ASSERT_EQ(0, system(("install /dev/null " + ipt6).c_str()));
+            ASSERT_EQ(0, system(("touch " + ipt6 + " && chmod 755 " + ipt6).c_str()));
         }
         testing::internal::CaptureStderr();
         for (size_t i = 0; i < ops.size(); ++i) {
