@@ -35,13 +35,27 @@ void closeSocket(sls_tcping_info* info) {
     info->sockfd = -1;
 }
 
-// The IPv6 default target to probe instead when the configured IPv4 default target cannot be
-// reached through the link for want of an IPv4 route (an IPv6-only link); null otherwise.
-const char* ipv6DefaultTargetFor(const sls_tcping_info* info, int connectError) {
+// Whether the interface lacks an IPv4 address (an IPv6-only link, whose IPv4 if any goes through
+// the platform's 464XLAT interface). A probe bound to it could not reach an IPv4 target: the
+// kernel would send on-link from no address and wait out the time-out.
+bool lacksIpv4Address(const char* name) {
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return false;
+    struct ifreq request;
+    memset(&request, 0, sizeof(request));
+    strncpy(request.ifr_name, name, IFNAMSIZ - 1);
+    const bool lacks = ioctl(fd, SIOCGIFADDR, &request) != 0 && errno == EADDRNOTAVAIL;
+    close(fd);
+    return lacks;
+}
+
+// The IPv6 default target to probe instead of the configured IPv4 default target through a link
+// without IPv4; null otherwise.
+const char* ipv6DefaultTargetFor(const sls_tcping_info* info) {
     Parameters* params = Parameters::instance();
-    if (!params->isIpv6Enabled() || info->ipv6 || connectError != ENETUNREACH ||
-        params->rttServer6.empty() || info->server == nullptr ||
-        params->rttServerDefault != info->server) {
+    if (!params->isIpv6Enabled() || params->rttServer6.empty() || info->server == nullptr ||
+        info->ifaceName == nullptr || params->rttServerDefault != info->server ||
+        !lacksIpv4Address(info->ifaceName)) {
         return nullptr;
     }
     return params->rttServer6.c_str();
@@ -50,6 +64,15 @@ const char* ipv6DefaultTargetFor(const sls_tcping_info* info, int connectError) 
 }  // namespace
 
 int Tcping::updateTcpingRtt(sls_tcping_info* info) {
+    if (const char* target = ipv6DefaultTargetFor(info)) {
+        LOGD("updateTcpingRtt %s has no IPv4 address, probing the IPv6 default target %s",
+             info->ifaceName, target);
+        sls_tcping_info over6 = *info;
+        over6.server = target;
+        const int rtt = populateTcpingSocket(&over6) < 0 ? -1 : getTcpingRtt(&over6);
+        info->rtt = over6.rtt;
+        return rtt;
+    }
     if (populateTcpingSocket(info) < 0) return -1;
     return getTcpingRtt(info);
 }
@@ -112,16 +135,6 @@ int Tcping::getTcpingRtt(sls_tcping_info* info) {
                               sizeof(info->serverAddr)) == 0;
     if (!connected) {
         const int error = errno;
-        if (const char* target = ipv6DefaultTargetFor(info, error)) {
-            LOGD("getTcpingRtt %s has no IPv4 route, probing the IPv6 default target %s",
-                 info->ifaceName != nullptr ? info->ifaceName : "", target);
-            closeSocket(info);
-            sls_tcping_info over6 = *info;
-            over6.server = target;
-            const int rtt = updateTcpingRtt(&over6);
-            info->rtt = over6.rtt;
-            return rtt;
-        }
         if (Parameters::instance()->isIpv6Enabled()) {
             LOGD("getTcpingRtt %s to %s: %s", info->ifaceName != nullptr ? info->ifaceName : "",
                  info->server != nullptr ? info->server : "", strerror(error));
