@@ -138,16 +138,16 @@ void splitShares(Netns& net, const std::string& root, int connections) {
         }
         connectAs(a4, connections);
         connectAs(a6, connections);
-        const double se = std::sqrt(share * (1 - share) / connections);
         for (const auto& family : {std::make_pair("IPv4", std::string(v4)),
                                    std::make_pair("IPv6", std::string(full6))}) {
             auto marks = marksTo(family.second);
             const int wlan = marks["mark=90"], cell = marks["mark=92"];
+            const double se = std::sqrt(share * (1 - share) / std::max(1, wlan + cell));
             printf("  %s programmed %.2f: measured %.3f (%d wlan0, %d rmnet_data0, %d other), "
                    "off by %.1f standard errors\n",
                    family.first, share, static_cast<double>(wlan) / std::max(1, wlan + cell), wlan,
                    cell, connections - wlan - cell,
-                   std::fabs(static_cast<double>(wlan) / connections - share) / se);
+                   std::fabs(static_cast<double>(wlan) / std::max(1, wlan + cell) - share) / se);
         }
         close(l4);
         close(l6);

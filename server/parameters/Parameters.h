@@ -196,7 +196,7 @@ class Parameters {
 
     // Dual-stack steering ("ipv6", off unless set): IPv6 rules beside the IPv4 ones, IPv6 probe
     // targets and the masquerade of 464XLAT companions. "rtt_server6" is the default probe target
-    // of a link without an IPv4 route while the target is still the configured "rtt_server"
+    // of a link without an IPv4 address while the target is still the configured "rtt_server"
     // (rttServerDefault); both texts are written only while the store is built.
     mlbd::Relaxed<int32_t> ipv6 = 0;
     std::string rttServer6;
