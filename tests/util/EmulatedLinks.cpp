@@ -89,27 +89,25 @@ bool EmulatedLinks::start(Netns& net, int wlanDelayMs, int cellDelayMs, std::str
         net.runInPeer("ip addr add 10.77.1.1 peer 10.77.1.2 dev wlan0-net && "
                       "ip addr add 10.77.2.1 peer 10.77.2.2 dev rmnet0-net && "
                       "ip addr add fd00:1::1 peer fd00:1::2 dev wlan0-net nodad && "
-                      "ip addr add fd00:2::1 peer fd00:2::2 dev rmnet0-net nodad && ip addr add " +
+                      "ip addr add fd00:2::1 peer fd00:2::2 dev rmnet0-net nodad && "
+                      "ip addr add fd99::1 dev lo && ip addr add " +
                       serverAddr + " dev lo") != 0) {
         *why = "cannot configure the emulated links";
         return false;
     }
 
+    // On every address of the peer, of both families: serverAddr, the IPv6 server fd99::1, ...
     responder_ = spawn("nsenter --net=" + net.peerPath() + " " + kTools +
-                       "rtt-responder --address " + serverAddr + " --port " + std::to_string(port));
+                       "rtt-responder --address :: --port " + std::to_string(port));
     // Serving once a connection made inside the peer succeeds.
     sockaddr_in sa = {AF_INET, htons(static_cast<uint16_t>(port)), {}, {}};
-    sockaddr_in6 sa6 = {AF_INET6, sa.sin_port, 0, {}, 0};
-    const bool v6 = inet_pton(AF_INET6, serverAddr.c_str(), &sa6.sin6_addr) == 1;
     auto serving = [&] {
-        const int fd = net.socketInPeer(v6 ? AF_INET6 : AF_INET, SOCK_STREAM);
-        const bool up =
-                fd >= 0 && (v6 ? connect(fd, reinterpret_cast<sockaddr*>(&sa6), sizeof(sa6))
-                               : connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof(sa))) == 0;
+        const int fd = net.socketInPeer(AF_INET, SOCK_STREAM);
+        const bool up = fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) == 0;
         if (fd >= 0) close(fd);
         return up;
     };
-    if ((v6 || inet_pton(AF_INET, serverAddr.c_str(), &sa.sin_addr) == 1) &&
+    if (inet_pton(AF_INET, serverAddr.c_str(), &sa.sin_addr) == 1 &&
         waitFor([&] { return serving() || gone(&responder_); }, kStartTimeoutMs) && responder_ > 0)
         return true;
     *why = "rtt-responder is not serving " + serverAddr + ":" + std::to_string(port);

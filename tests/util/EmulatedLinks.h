@@ -6,8 +6,8 @@
 // with "default dev wlan0 metric 10" and "default dev rmnet_data0 metric 20" here, in both
 // families, so a socket
 // bound to either device (SO_BINDTODEVICE) leaves through it, and tools/rtt-responder listening
-// on serverAddr:port in the peer (serverAddr on the peer's lo). A link's delay is added to its
-// round-trip time; it can be changed while the test runs.
+// on port `port` of every address in the peer (serverAddr and fd99::1 on the peer's lo). A link's
+// delay is added to its round-trip time; it can be changed while the test runs.
 //
 //     if (!Netns::enterPrivate(&why)) GTEST_SKIP() << why;
 //     Netns net;
