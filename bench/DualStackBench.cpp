@@ -173,23 +173,14 @@ int main(int argc, char** argv) {
     EmulatedLinks links;
     if (root.empty() || !net.startPeer() || !links.start(net, 0, 0, &why) ||
         net.runInPeer("ip route add local 10.99.0.0/24 dev lo && ip -6 route add local fd99::/64 "
-                      "dev lo && ip addr add fd99::1 dev lo") != 0) {
+                      "dev lo") != 0) {
         fprintf(stderr, "DualStackBench: %s\n", why.c_str());
         return 1;
     }
     Netns::run("sysctl -qw net.ipv4.tcp_syn_retries=1 net.ipv6.conf.all.accept_dad=0");
     splitShares(net, root, connections);
 
-    // Part 2: the probe responders for both targets, the selection at the default pace.
-    const std::string command = "exec nsenter --net=" + net.peerPath() +
-                                " " MLBD_BINARY_DIR
-                                "/tools/rtt-responder --address fd99::1 --port 443";
-    const pid_t responder6 = fork();
-    if (responder6 == 0) {
-        execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    std::this_thread::sleep_for(milliseconds(500));
+    // Part 2: the emulated links' responder serves both targets; the selection at the default pace.
     mlbd::ScopedCommandRecorder rules;  // the switch's rule commands are recorded, not run
     Parameters* params = Parameters::instance();
     params->setGamingUids("4000000000");
@@ -235,8 +226,6 @@ int main(int argc, char** argv) {
         SmartLinkSelection::cleanup();
         std::this_thread::sleep_for(seconds(2));  // the old probe threads finish
     }
-    kill(responder6, SIGTERM);
-    Netns::waitChild(responder6);
     links.stop();
     Netns::run("rm -rf " + root);
     return 0;
