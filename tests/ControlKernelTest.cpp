@@ -131,8 +131,7 @@ class ControlKernelTest : public ::testing::Test {
                            "system/bin/ip-wrapper-1.0 route add default dev $i table $i && "
                            "system/bin/ip-wrapper-1.0 -6 route add default dev $i table $i; done"));
         ASSERT_EQ(0,
-                  net_.runInPeer("ip addr add 10.99.0.1 dev lo && ip addr add 10.99.0.2 dev lo && "
-                                 "ip addr add fd99::1 dev lo"));
+                  net_.runInPeer("ip addr add 10.99.0.1 dev lo && ip addr add 10.99.0.2 dev lo"));
         responder_ = spawn("nsenter --net=" + net_.peerPath() +
                            " " MLBD_BINARY_DIR
                            "/tools/rtt-responder --address :: --port 5060 2>/dev/null");
@@ -350,14 +349,13 @@ TEST_F(ControlKernelIpv6Test, Ipv6GameMovesWhenItsLinkSlowsDown) {
     ASSERT_EQ(1, inet_pton(AF_INET6, "fd99::1", &server.sin6_addr));
     ASSERT_TRUE(command(MLBD_CMD_START_SLS, std::to_string(kGame)));
     startGame(server);
-    const std::string game = "fd99:0000:0000:0000:0000:0000:0000:0001:5060 from ";
-    const std::string cell = "fd00:0002:0000:0000:0000:0000:0000:0002";
+    const std::string game = "fd99:0000:0000:0000:0000:0000:0000:0001:5060 from ",
+                      cell = "fd00:0002:0000:0000:0000:0000:0000:0002";
     ASSERT_TRUE(links_.setDelay("wlan0", 300));
     ASSERT_TRUE(until([&] {
         return game_->aborts > 0 && count(flows(), game + cell + " mark=92") > 0;
     })) << log();
     EXPECT_GT(count(flows(), game + cell + " mark=0 assured"), 0);  // a probe over IPv6
-    EXPECT_NE(npos, log().find("perform switch rmnet_data0"));
 }
 
 }  // namespace

@@ -57,15 +57,10 @@ Flows flows() {
     return out;
 }
 
-// The daemon's chains and hooks in mangle and nat, as iptables-save lists them ("6": ip6tables),
-// with its routing rules when `family` is given.
-Lines savedRules(const char* family = nullptr) {
-    if (family == nullptr) {
-        return outputLines("(iptables-save -t mangle; iptables-save -t nat) | grep vexa_");
-    }
-    const std::string f = family;
-    return outputLines("(ip" + f + "tables-save -t mangle; ip" + f + "tables-save -t nat; ip -" +
-                       (f.empty() ? "4" : "6") + " rule show pref 30000) | grep 'vexa_\\|30000'");
+// The daemon's chains and hooks in mangle and nat, as ip[6]tables-save lists them.
+Lines savedRules(const std::string& family = "") {
+    return outputLines("(ip" + family + "tables-save -t mangle; ip" + family +
+                       "tables-save -t nat) | grep vexa_");
 }
 
 // Runs fn in a child that has dropped to `uid`; returns the child's pid.
@@ -321,7 +316,7 @@ TEST_F(IptablesKernelIpv6Test, SplitCompanionMasqueradeStatusAndShutDown) {
               Netns::waitChild(forkAs(kListed, [] { return close(connectTo(SOCK_STREAM, 80)); })));
     EXPECT_EQ(1, flows()["tcp 80 from 192.0.0.4 mark=92"]);
 
-    Lines v4 = savedRules("");
+    Lines v4 = savedRules();
     auto companions = std::stable_partition(v4.begin(), v4.end(), [](const std::string& rule) {
         return rule.find(" -o v4-") == std::string::npos;
     });
@@ -330,6 +325,7 @@ TEST_F(IptablesKernelIpv6Test, SplitCompanionMasqueradeStatusAndShutDown) {
               Lines(companions, v4.end()));
     v4.erase(companions, v4.end());
     EXPECT_EQ(v4, savedRules("6"));
+    EXPECT_EQ(outputLines("ip -4 rule show pref 30000"), outputLines("ip -6 rule show pref 30000"));
     const std::string status =
             "MLBD_ROOT=" + root_ + " " MLBD_BINARY_DIR "/tools/mlbdctl status | grep -A3 Health";
     EXPECT_EQ(Lines{"Health: OK (IPv4 and IPv6)"}, outputLines(status));
@@ -340,8 +336,9 @@ TEST_F(IptablesKernelIpv6Test, SplitCompanionMasqueradeStatusAndShutDown) {
               outputLines(status));
     IptablesManager::clean_SLM_iptables();
     mgr_ = nullptr;
-    EXPECT_EQ(Lines{}, savedRules(""));
+    EXPECT_EQ(Lines{}, savedRules());
     EXPECT_EQ(Lines{}, savedRules("6"));
+    EXPECT_EQ(Lines{}, outputLines("ip -6 rule show pref 30000"));
 }
 
 }  // namespace

@@ -98,11 +98,9 @@ TEST_F(SlsKernelTest, ProbeMeasuresTheLinkItIsBoundTo) {
     Parameters* params = Parameters::instance();
     params->ipv6 = 1, params->rttServer6 = "fd99::1";
     ASSERT_EQ(0, Netns::run("ip addr del 10.77.2.2 peer 10.77.2.1 dev rmnet_data0"));
-    ASSERT_TRUE(waitFor([&] { return probe("rmnet_data0") > 0; }, 3000)) << log_;
+    ASSERT_TRUE(waitFor([&] { return probe("rmnet_data0") >= 150; }, 3000)) << log_;
     EXPECT_TRUE(logged("rmnet_data0 has no IPv4 address, probing the IPv6 default target fd99::1"));
-    EXPECT_TRUE(logged("TCPing cacla rtt is 15") || logged("TCPing cacla rtt is 16")) << log_;
     EXPECT_EQ(-1, probe("abcdefghijklmno", "fd99::1"));  // no IPv6 on that link
-    params->ipv6 = 0;
 
     // Targets that cannot be probed are misses with a clear line, at once.
     for (auto target : {std::make_pair("not-an-address", 443u), std::make_pair("1.1.1.1", 0u),
