@@ -62,23 +62,32 @@ std::map<std::string, int> marksTo(const std::string& server) {
     return out;
 }
 
-// `count` connections to `addr` from a child running as kListed.
+// `count` connections to `addr` from a child running as kListed, held open until the child is
+// killed (a packet of a closed socket no longer matches its UID, so it would leave unmarked and
+// its flow be dropped by NAT, tracking entry and all); the child's pid once all are made.
 template <typename Addr>
-void connectAs(const Addr& addr, int count) {
+pid_t connectAs(const Addr& addr, int count) {
+    int ready[2];
+    if (pipe(ready) != 0) return -1;
     const pid_t pid = fork();
     if (pid == 0) {
         if (setgroups(0, nullptr) != 0 || setgid(kListed) != 0 || setuid(kListed) != 0) _exit(1);
-        std::vector<int> fds;
         for (int i = 0; i < count; ++i) {
             const int fd = socket(reinterpret_cast<const sockaddr*>(&addr)->sa_family,
                                   SOCK_STREAM | SOCK_CLOEXEC, 0);
             connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr));
-            fds.push_back(fd);
         }
-        for (int fd : fds) close(fd);
-        _exit(0);
+        if (write(ready[1], "r", 1) != 1) _exit(1);
+        for (;;) pause();
     }
-    Netns::waitChild(pid);
+    char byte;
+    close(ready[1]);
+    if (read(ready[0], &byte, 1) != 1) {
+        kill(pid, SIGKILL);
+        Netns::waitChild(pid);
+    }
+    close(ready[0]);
+    return pid;
 }
 
 void setRatios(IptablesManager* mgr, float wlan, float cell) {
@@ -136,8 +145,7 @@ void splitShares(Netns& net, const std::string& root, int connections) {
             perror("DualStackBench: listeners");
             exit(1);
         }
-        connectAs(a4, connections);
-        connectAs(a6, connections);
+        const pid_t clients[] = {connectAs(a4, connections), connectAs(a6, connections)};
         for (const auto& family : {std::make_pair("IPv4", std::string(v4)),
                                    std::make_pair("IPv6", std::string(full6))}) {
             auto marks = marksTo(family.second);
@@ -149,6 +157,7 @@ void splitShares(Netns& net, const std::string& root, int connections) {
                    cell, connections - wlan - cell,
                    std::fabs(static_cast<double>(wlan) / std::max(1, wlan + cell) - share) / se);
         }
+        for (pid_t client : clients) kill(client, SIGKILL), Netns::waitChild(client);
         close(l4);
         close(l6);
     }
