@@ -1,11 +1,11 @@
 // The daemon binary in a real kernel, driven through its control socket as the platform drives it.
 // Each test runs in a private network namespace: emulated links wlan0 (20 ms) and rmnet_data0
 // (160 ms, a metered link slower than the exit threshold) lead to a peer namespace that holds the
-// probe server 1.1.1.1:443, a game server 10.99.0.1:5060 and a call server 10.99.0.2:5060 (both
-// answer probes) and a web server 10.99.0.1:80. The statistics stand-in plays the kernel module;
-// the packet filter and routing rules are real, made through the host front-ends. Games and web
-// clients are child processes under their own UIDs; a flow's connection-tracking entry tells by
-// which link it left and with which mark.
+// probe server 1.1.1.1:443, a game server 10.99.0.1:5060 (also fd99::1:5060) and a call
+// server 10.99.0.2:5060 (both answer probes) and a web server 10.99.0.1:80. The statistics stand-in
+// plays the kernel module; the packet filter and routing rules are real, made through the host
+// front-ends. Games and web clients are child processes under their own UIDs; a flow's
+// connection-tracking entry tells by which link it left and with which mark.
 #include <arpa/inet.h>
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -115,22 +115,26 @@ class ControlKernelTest : public ::testing::Test {
         std::string why;
         if (!Netns::enterPrivate(&why)) GTEST_SKIP() << "real-kernel test skipped: " << why;
         // Probes every 100 ms, each taken as it comes; one decision every 200 ms.
-        root_ = makeRoot("ping_interval_ms=100\nalpha_percent=100\nmini_est_interval=200\n");
+        root_ = makeRoot("ping_interval_ms=100\nalpha_percent=100\nmini_est_interval=200\n" +
+                         extraConf());
         ASSERT_NE("", root_);
         ASSERT_TRUE(net_.startPeer());
         ASSERT_TRUE(links_.start(net_, 20, 160, &why)) << why;
         // The real front-ends instead of makeRoot's recorders; each interface's table routes over
         // its own link.
-        ASSERT_EQ(0,
-                  Netns::run("cd " + root_ +
-                             " && ln -sf " MLBD_SOURCE_DIR
-                             "/tools/host/*-wrapper-1.0 system/bin/ && ln -s /proc/net/"
-                             "nf_conntrack proc/net/ && for i in wlan0 rmnet_data0; do "
-                             "system/bin/ip-wrapper-1.0 route add default dev $i table $i; done"));
+        ASSERT_EQ(
+                0,
+                Netns::run("cd " + root_ +
+                           " && ln -sf " MLBD_SOURCE_DIR
+                           "/tools/host/*-wrapper-1.0 system/bin/ && ln -s /proc/net/"
+                           "nf_conntrack proc/net/ && for i in wlan0 rmnet_data0; do "
+                           "system/bin/ip-wrapper-1.0 route add default dev $i table $i && "
+                           "system/bin/ip-wrapper-1.0 -6 route add default dev $i table $i; done"));
         ASSERT_EQ(0,
                   net_.runInPeer("ip addr add 10.99.0.1 dev lo && ip addr add 10.99.0.2 dev lo"));
         responder_ = spawn("nsenter --net=" + net_.peerPath() +
-                           " " MLBD_BINARY_DIR "/tools/rtt-responder --port 5060 2>/dev/null");
+                           " " MLBD_BINARY_DIR
+                           "/tools/rtt-responder --address :: --port 5060 2>/dev/null");
         // The web server: the peer's kernel completes connections and never closes them, so
         // their tracking entries stay.
         web_ = net_.socketInPeer(AF_INET, SOCK_STREAM);
@@ -174,6 +178,7 @@ class ControlKernelTest : public ::testing::Test {
         if (!root_.empty()) Netns::run("rm -rf " + root_);
     }
 
+    virtual std::string extraConf() const { return ""; }
     static void stop(pid_t* pid) {
         if (*pid > 0) kill(*pid, SIGKILL), Netns::waitChild(*pid), *pid = -1;
     }
@@ -200,11 +205,12 @@ class ControlKernelTest : public ::testing::Test {
 
     // The game: holds one connection to its server, exchanging a 28-byte update for a 30-byte
     // answer every 50 ms, and reconnects whenever it is cut off.
-    void startGame() {
+    template <typename Addr = sockaddr_in>
+    void startGame(const Addr& server = kGameServer) {
         GameState* game = game_;
-        gamePid_ = forkAs(kGame, [game] {
+        gamePid_ = forkAs(kGame, [game, server] {
             for (char buf[30] = {};; usleep(50000)) {
-                const int fd = connectTo(kGameServer);
+                const int fd = connectTo(server);
                 game->connects += fd >= 0;
                 errno = 0;
                 while (fd >= 0 && send(fd, buf, 28, MSG_NOSIGNAL) == 28 &&
@@ -338,6 +344,28 @@ TEST_F(ControlKernelTest, WhitelistSteersWebTrafficAndShutDownUndoesEverything) 
     ASSERT_TRUE(command(0, ""));
     ASSERT_TRUE(logged("recv msg: msg.id=0")) << log();
     EXPECT_EQ("", output());
+}
+
+// The same daemon with "ipv6" set and the game's server at fd99::1: the monitor makes it the
+// probe target, the probes measure it over IPv6 through each link, and when Wi-Fi slows down
+// the game is moved to cellular and reconnects over it, with its mark.
+class ControlKernelIpv6Test : public ControlKernelTest {
+  protected:
+    std::string extraConf() const override { return "ipv6=1\n"; }
+};
+
+TEST_F(ControlKernelIpv6Test, Ipv6GameMovesWhenItsLinkSlowsDown) {
+    sockaddr_in6 server = {AF_INET6, htons(5060), 0, {}, 0};
+    ASSERT_EQ(1, inet_pton(AF_INET6, "fd99::1", &server.sin6_addr));
+    ASSERT_TRUE(command(MLBD_CMD_START_SLS, std::to_string(kGame)));
+    startGame(server);
+    const std::string game = "fd99:0000:0000:0000:0000:0000:0000:0001:5060 from ",
+                      cell = "fd00:0002:0000:0000:0000:0000:0000:0002";
+    ASSERT_TRUE(links_.setDelay("wlan0", 300));
+    ASSERT_TRUE(until([&] {
+        return game_->aborts > 0 && count(flows(), game + cell + " mark=92") > 0;
+    })) << log();
+    EXPECT_GT(count(flows(), game + cell + " mark=0 assured"), 0);  // a probe over IPv6
 }
 
 }  // namespace

@@ -4,13 +4,16 @@
 // under the UIDs being steered. The server address 10.99.0.1 lives in the peer and is reachable
 // over both links; the main routing table sends it over wlan0, the interface tables "wlan0" and
 // "rmnet_data0" over their own link. MASQUERADE gives each link its own source address, so the
-// connection-tracking entry of a flow tells by which link it left.
+// connection-tracking entry of a flow tells by which link it left. Both links and the server
+// (fd99::1) have IPv6 addresses as well: fd00:1::2 and fd00:2::2, routed alike.
+#include <arpa/inet.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <functional>
 #include <map>
 
@@ -44,7 +47,8 @@ Lines outputLines(const std::string& command) {
 // address is the reply's destination, the one MASQUERADE gave the flow on its way out.
 Flows flows() {
     Flows out;
-    for (const std::string& line : outputLines(R"(awk '/ dst=10\.99\.0\.1 / { d = f = m = "";
+    for (const std::string& line :
+         outputLines(R"(awk '/ dst=(10\.99\.0\.1|fd99:[0:]*1) / { d = f = m = "";
             for (i = 4; i <= NF; i++) if ($i ~ /^dport=/ && d == "") d = substr($i, 7);
             else if ($i ~ /^dst=/ && d != "" && f == "") f = substr($i, 5); else if ($i ~ /^mark=/) m = $i;
             print $3, d, "from", f, m }' /proc/net/nf_conntrack)")) {
@@ -53,9 +57,10 @@ Flows flows() {
     return out;
 }
 
-// The daemon's chains and hooks in mangle and nat, as iptables-save lists them.
-Lines savedRules() {
-    return outputLines("(iptables-save -t mangle; iptables-save -t nat) | grep vexa_");
+// The daemon's chains and hooks in mangle and nat, as ip[6]tables-save lists them.
+Lines savedRules(const std::string& family = "") {
+    return outputLines("(ip" + family + "tables-save -t mangle; ip" + family +
+                       "tables-save -t nat) | grep vexa_");
 }
 
 // Runs fn in a child that has dropped to `uid`; returns the child's pid.
@@ -68,12 +73,16 @@ pid_t forkAs(uid_t uid, const std::function<int()>& fn) {
     return pid;
 }
 
-// A socket connected to the server's `port` (for UDP: after sending one datagram), or -1.
-int connectTo(int type, uint16_t port) {
-    const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
+// A socket connected to the server's `port` (for UDP: after sending one datagram), or -1; over
+// IPv6 (fd99::1) when `ipv6`.
+int connectTo(int type, uint16_t port, bool ipv6 = false) {
+    const int fd = socket(ipv6 ? AF_INET6 : AF_INET, type | SOCK_CLOEXEC, 0);
     sockaddr_in sa = kServer;
     sa.sin_port = htons(port);
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&sa), sizeof(sa)) == 0 &&
+    sockaddr_in6 sa6 = {AF_INET6, sa.sin_port, 0, {}, 0};
+    inet_pton(AF_INET6, "fd99::1", &sa6.sin6_addr);
+    if ((ipv6 ? connect(fd, reinterpret_cast<const sockaddr*>(&sa6), sizeof(sa6))
+              : connect(fd, reinterpret_cast<const sockaddr*>(&sa), sizeof(sa))) == 0 &&
         (type == SOCK_STREAM || send(fd, "u", 1, 0) == 1)) {
         return fd;
     }
@@ -94,11 +103,15 @@ class IptablesKernelTest : public ::testing::Test {
         ASSERT_TRUE(net_.startPeer());
         ASSERT_TRUE(net_.addVeth("wlan0", "wlan0-net", "10.77.1.2/24", "10.77.1.1/24"));
         ASSERT_TRUE(net_.addVeth("rmnet_data0", "rmnet0-net", "10.77.2.2/24", "10.77.2.1/24"));
-        ASSERT_EQ(0, net_.runInPeer("ip addr add 10.99.0.1/32 dev lo"));
+        ASSERT_EQ(0,
+                  net_.runInPeer("ip addr add 10.99.0.1/32 dev lo && ip addr add fd99::1 dev lo && "
+                                 "ip addr add fd00:1::1/64 dev wlan0-net nodad && ip addr add "
+                                 "fd00:2::1/64 dev rmnet0-net nodad"));
         // The host front-ends, wlan0 and a metered rmnet_data0. Replies to a rerouted flow come
         // back on another link than the main table's route; a connection that gets no answer
         // fails after 3 s. Each interface's table routes over its own link.
         const std::string route = " && system/bin/ip-wrapper-1.0 route add default via ";
+        const std::string route6 = " && system/bin/ip-wrapper-1.0 -6 route add default via ";
         const std::string script =
                 "cd " + root_ + " && mkdir -p system/bin proc/net properties && ln -s " +
                 MLBD_SOURCE_DIR
@@ -109,21 +122,28 @@ class IptablesKernelTest : public ::testing::Test {
                 "net.ipv4.conf.wlan0.rp_filter=0 net.ipv4.conf.rmnet_data0.rp_filter=0 && ip route "
                 "add 10.99.0.0/24 via 10.77.1.1 dev wlan0" +
                 route + "10.77.1.1 dev wlan0 table wlan0" + route +
-                "10.77.2.1 dev rmnet_data0 table rmnet_data0";
+                "10.77.2.1 dev rmnet_data0 table rmnet_data0 && ip addr add fd00:1::2/64 dev wlan0 "
+                "nodad && ip addr add fd00:2::2/64 dev rmnet_data0 nodad && ip -6 route add "
+                "fd99::/64 via fd00:1::1" +
+                route6 + "fd00:1::1 dev wlan0 table wlan0" + route6 +
+                "fd00:2::1 dev rmnet_data0 table rmnet_data0";
         ASSERT_EQ(0, Netns::run(script));
         // The server: a socket listening on port 80 in the peer, never accepted from; the peer's
         // kernel completes the connections, queues them and acknowledges their data.
-        server_ = net_.socketInPeer(AF_INET, SOCK_STREAM);
-        ASSERT_EQ(0, bind(server_, reinterpret_cast<const sockaddr*>(&kServer), sizeof(kServer)));
+        server_ = net_.socketInPeer(AF_INET6, SOCK_STREAM);  // both families
+        const sockaddr_in6 any = {AF_INET6, kServer.sin_port, 0, {}, 0};
+        ASSERT_EQ(0, bind(server_, reinterpret_cast<const sockaddr*>(&any), sizeof(any)));
         ASSERT_EQ(0, listen(server_, 4096));
         Parameters* params = Parameters::instance();
         ASSERT_TRUE(params->interfaces().size() == 2 &&
                     params->findInterface("rmnet_data0")->metered);
         ParametersTestPeer::uidWhitelist(params) = {std::to_string(kListed)};
         ParametersTestPeer::gamingUidList(params) = {std::to_string(kGaming)};
+        params->ipv6 = dualStack();
         mgr_ = IptablesManager::instance();  // start-up as the daemon does it
         ASSERT_EQ(0, mgr_->setup_SLM_iptables_FWMARK_chains());
     }
+    virtual bool dualStack() const { return false; }
     void TearDown() override {
         if (server_ >= 0) close(server_);
         if (mgr_ != nullptr) IptablesManager::clean_SLM_iptables();
@@ -262,6 +282,63 @@ TEST_F(IptablesKernelTest, OnlyListedUidsAreSteeredAndGamingFollowsTheSelection)
                                 {"udp 53 " + kWlanPlain, 1}};
         EXPECT_EQ(expected, added) << "UID " << test.uid << ", selected " << test.selected;
     }
+}
+
+// With the "ipv6" key: 800 IPv6 connections of a whitelisted UID split 0.3 to Wi-Fi and 0.7 to
+// cellular as the IPv4 ones are (the same bound as above); IPv4 rerouted onto cellular's 464XLAT
+// companion v4-rmnet_data0 is masqueraded to its address; both families hold the same rules (but
+// the companions' masquerades); mlbdctl reads them back and flags a missing IPv6 rule; the
+// shut-down leaves no rule of either family.
+class IptablesKernelIpv6Test : public IptablesKernelTest {
+    bool dualStack() const override { return true; }
+};
+
+TEST_F(IptablesKernelIpv6Test, SplitCompanionMasqueradeStatusAndShutDown) {
+    ASSERT_TRUE(net_.addVeth("v4-rmnet_data0", "clat-net", "192.0.0.4/29", "192.0.0.1/29"));
+    ASSERT_EQ(0, Netns::run("cd " + root_ + " && mkdir -p vendor/etc/sla && echo ipv6=1 >" +
+                            (MLBD_CONF_PATH + 1)));  // for mlbdctl
+    EXPECT_EQ(0, mgr_->setup_slm_whitelist() + mgr_->setup_uid_whitelist());
+    setRatios(0.3f, 0.7f);
+    EXPECT_EQ(0, Netns::waitChild(forkAs(kListed, [] {
+                  for (int i = 0; i < 800; ++i) close(connectTo(SOCK_STREAM, 80, true));
+                  return 0;
+              })));
+    const std::string from = "tcp 80 from fd00:000";  // IPv6 addresses are listed in full
+    const int wlan = flows()[from + "1:0000:0000:0000:0000:0000:0002 mark=90"],
+              cell = flows()[from + "2:0000:0000:0000:0000:0000:0002 mark=92"];
+    EXPECT_EQ(800, wlan + cell);
+    EXPECT_NEAR(0.3, wlan / 800.0, 0.1) << wlan << " via wlan0";
+
+    ASSERT_EQ(0, Netns::run(root_ + "/system/bin/ip-wrapper-1.0 route replace default via "
+                                    "192.0.0.1 dev v4-rmnet_data0 table rmnet_data0"));
+    setRatios(0.0f, 1.0f);
+    EXPECT_EQ(0,
+              Netns::waitChild(forkAs(kListed, [] { return close(connectTo(SOCK_STREAM, 80)); })));
+    EXPECT_EQ(1, flows()["tcp 80 from 192.0.0.4 mark=92"]);
+
+    Lines v4 = savedRules();
+    auto companions = std::stable_partition(v4.begin(), v4.end(), [](const std::string& rule) {
+        return rule.find(" -o v4-") == std::string::npos;
+    });
+    EXPECT_EQ((Lines{"-A vexa_nat_POSTROUTING_SLM -o v4-wlan0 -j MASQUERADE",
+                     "-A vexa_nat_POSTROUTING_SLM -o v4-rmnet_data0 -j MASQUERADE"}),
+              Lines(companions, v4.end()));
+    v4.erase(companions, v4.end());
+    EXPECT_EQ(v4, savedRules("6"));
+    EXPECT_EQ(outputLines("ip -4 rule show pref 30000"), outputLines("ip -6 rule show pref 30000"));
+    const std::string status =
+            "MLBD_ROOT=" + root_ + " " MLBD_BINARY_DIR "/tools/mlbdctl status | grep -A3 Health";
+    EXPECT_EQ(Lines{"Health: OK (IPv4 and IPv6)"}, outputLines(status));
+    ASSERT_EQ(0, Netns::run("ip -6 rule del pref 30000 fwmark 0x5a"));
+    EXPECT_EQ((Lines{"Health: 2 problem(s) (IPv6 half-programmed)",
+                     "  - IPv6: ip rule priority 30000 fwmark 0x5a (wlan0) missing",
+                     "  - IPv6 links, marks, tables, split or gaming link differ from IPv4"}),
+              outputLines(status));
+    IptablesManager::clean_SLM_iptables();
+    mgr_ = nullptr;
+    EXPECT_EQ(Lines{}, savedRules());
+    EXPECT_EQ(Lines{}, savedRules("6"));
+    EXPECT_EQ(Lines{}, outputLines("ip -6 rule show pref 30000"));
 }
 
 }  // namespace

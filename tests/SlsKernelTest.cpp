@@ -2,7 +2,9 @@
 // records they feed, in a private network namespace (root only).
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
@@ -94,6 +96,15 @@ TEST_F(SlsKernelTest, ProbeMeasuresTheLinkItIsBoundTo) {
     EXPECT_TRUE(logged("E Mlbd-Tcping: recieve failed -1,error is 11")) << log_;
     EXPECT_TRUE(took_ >= milliseconds(500) && took_ < milliseconds(900)) << took_.count();
     close(silent);
+
+    // With "ipv6" set, a link without an IPv4 address probes the IPv6 default target instead of
+    // the IPv4 one, and a link without IPv6 misses an IPv6 target.
+    Parameters* params = Parameters::instance();
+    params->ipv6 = 1, params->rttServer6 = "fd99::1";
+    ASSERT_EQ(0, Netns::run("ip addr del 10.77.2.2 peer 10.77.2.1 dev rmnet_data0"));
+    ASSERT_TRUE(waitFor([&] { return probe("rmnet_data0") >= 150; }, 3000)) << log_;
+    EXPECT_TRUE(logged("rmnet_data0 has no IPv4 address, probing the IPv6 default target fd99::1"));
+    EXPECT_EQ(-1, probe("abcdefghijklmno", "fd99::1"));  // no IPv6 on that link
 
     // Targets that cannot be probed are misses with a clear line, at once.
     for (auto target : {std::make_pair("not-an-address", 443u), std::make_pair("1.1.1.1", 0u),

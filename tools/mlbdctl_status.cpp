@@ -15,6 +15,8 @@
  *   nat POSTROUTING        one "-j vexa_nat_POSTROUTING_SLM"
  *   vexa_nat_POSTROUTING_SLM  "-o <link> -j MASQUERADE" per link
  *   ip rules               "fwmark <mark> lookup <table>" at priority 30000, one per link
+ * With "ipv6=1" in the configuration the same holds for ip6tables and "ip -6 rule", and the IPv4
+ * nat chain also holds "-o v4-<link> -j MASQUERADE" per link (the 464XLAT companion).
  * The links are the vexa_fw_<link> chains that are not some other link's _wrapper chain.
  */
 #include "mlbdctl_status.h"
@@ -36,6 +38,7 @@
 #include <algorithm>
 #include <cmath>
 #include <fstream>
+#include <memory>
 #include <set>
 #include <sstream>
 
@@ -222,6 +225,24 @@ bool runTool(const std::vector<std::string>& argv, int timeoutMs, std::string* o
         return false;
     }
     return true;
+}
+
+// Whether the configuration file sets "ipv6" to a non-zero number (its last "ipv6=" line, as
+// the daemon reads it; a comment takes the character before its '#' along).
+bool ipv6InConfiguration(const std::string& path) {
+    std::ifstream file(path);
+    bool on = false;
+    for (std::string line; std::getline(file, line);) {
+        const size_t hash = line.find('#');
+        if (hash != std::string::npos) line.erase(hash == 0 ? 0 : hash - 1);
+        const size_t eq = line.find('=');
+        if (eq == std::string::npos) continue;
+        std::string key = line.substr(0, eq);
+        key.erase(0, key.find_first_not_of(" \t"));
+        key.erase(key.find_last_not_of(" \t") + 1);
+        if (key == "ipv6") on = strtol(line.c_str() + eq + 1, nullptr, 10) != 0;
+    }
+    return on;
 }
 
 // ---- Parsing the listings ----
@@ -424,7 +445,16 @@ struct Status {
     bool conntrackReadable = false;
     long conntrackEntries = 0;
     std::vector<std::string> problems;
+    // The IPv6 side beside the IPv4 one: "off", "ok", "missing" or "half-programmed".
+    std::string ipv6 = "off";
+    std::shared_ptr<const Status> ipv6Status;
 };
+
+// The platform's 464XLAT interface of a link: "v4-" and the name, cut to the kernel's 15
+// characters.
+std::string companionOf(const std::string& link) {
+    return ("v4-" + link).substr(0, 15);
+}
 
 // Flags a rule that should be there exactly once.
 void expectOnce(int count, const std::string& what, std::vector<std::string>* problems) {
@@ -640,11 +670,13 @@ void readSelection(const Table& mangle, Status* status) {
     }
 }
 
-Status analyse(const KernelListings& listings) {
+// One family's rules: `ipv6` selects the IPv6 listings; `companions` expects the masquerade of
+// each link's v4- companion (IPv4 with the IPv6 side on).
+Status analyse(const KernelListings& listings, bool ipv6, bool companions) {
     Status status;
-    const Table mangle = parseTable(listings.mangle);
-    const Table nat = parseTable(listings.nat);
-    const std::vector<IpRule> ipRules = parseIpRules(listings.ipRules);
+    const Table mangle = parseTable(ipv6 ? listings.mangle6 : listings.mangle);
+    const Table nat = parseTable(ipv6 ? listings.nat6 : listings.nat);
+    const std::vector<IpRule> ipRules = parseIpRules(ipv6 ? listings.ipRules6 : listings.ipRules);
     std::map<uint32_t, long> perMark;
     status.conntrackReadable = listings.conntrackReadable;
     if (listings.conntrackReadable) {
@@ -704,6 +736,16 @@ Status analyse(const KernelListings& listings) {
         }
         expectOnce(masquerades, std::string(kNatChain) + " -o " + name + " -j MASQUERADE",
                    problems);
+        if (companions) {
+            masquerades = 0;
+            for (const Rule& rule : nat.of(kNatChain)) {
+                masquerades +=
+                        rule.target() == "MASQUERADE" && rule.value("-o") == companionOf(name);
+            }
+            expectOnce(masquerades,
+                       std::string(kNatChain) + " -o " + companionOf(name) + " -j MASQUERADE",
+                       problems);
+        }
         if (link.mark.valid && listings.conntrackReadable) {
             auto it = perMark.find(link.mark.value);
             link.connections = it == perMark.end() ? 0 : it->second;
@@ -727,7 +769,9 @@ Status analyse(const KernelListings& listings) {
     for (const Rule& rule : nat.of(kNatChain)) {
         bool owned = false;
         for (const Link& link : status.links) {
-            owned |= rule.target() == "MASQUERADE" && rule.value("-o") == link.name;
+            owned |= rule.target() == "MASQUERADE" &&
+                     (rule.value("-o") == link.name ||
+                      (companions && rule.value("-o") == companionOf(link.name)));
         }
         if (!owned)
             problems->push_back(std::string(kNatChain) +
@@ -790,13 +834,44 @@ std::string uidText(const std::vector<std::string>& uids) {
     return uids.empty() ? "(none)" : join(uids, ", ");
 }
 
-std::string renderText(const Status& status) {
-    std::string out;
-    if (!status.present) {
-        out += "mlbd steering: absent: no vexa_ chains in the kernel (is mlbd running?)\n";
-        for (size_t i = 1; i < status.problems.size(); ++i) out += "  " + status.problems[i] + "\n";
-        return out;
+// The IPv6 side's verdict, its problems added to the IPv4 report's: "missing" when wanted but
+// absent or unreadable, "half-programmed" when its rules are faulty, unwanted, or differ from the
+// IPv4 ones in links, marks, tables, split or gaming link.
+std::string compareFamilies(const KernelListings& listings, Status& v4, const Status& v6) {
+    if (!listings.ipv6Read || !v6.present) {
+        if (!listings.ipv6Expected) return "off";
+        if (v4.present) {
+            v4.problems.push_back(listings.ipv6Read
+                                          ? "IPv6 steering missing (ipv6=1 in mlbd.conf)"
+                                          : "IPv6 rules unreadable: " + listings.ipv6ReadError);
+        }
+        return "missing";
     }
+    std::vector<std::string> found;
+    if (!listings.ipv6Expected) found.push_back("IPv6 rules present while ipv6 is off");
+    if (!v4.present) {
+        found.push_back("IPv6 rules present without IPv4 ones");
+        v4.present = true;
+    }
+    for (const std::string& problem : v6.problems) found.push_back("IPv6: " + problem);
+    auto shape = [](const Status& s) {
+        std::string text;
+        for (const Link& link : s.links) {
+            text += link.name + " " + link.mark.text() + " " + tableText(link) + " split";
+            for (const Split& split : link.splits) text += " " + fixed(split.probability, 6);
+            text += link.gaming ? " gaming; " : "; ";
+        }
+        return text;
+    };
+    if (shape(v4) != shape(v6)) {
+        found.push_back("IPv6 links, marks, tables, split or gaming link differ from IPv4");
+    }
+    v4.problems.insert(v4.problems.end(), found.begin(), found.end());
+    return found.empty() ? "ok" : "half-programmed";
+}
+
+// The per-link table; true when a split goes through a _wrapper chain.
+bool appendLinks(const Status& status, std::string* out) {
     std::vector<std::vector<std::string>> rows = {
             {"LINK", "MARK", "ROUTE TABLE", "SPLIT P", "SHARE", "GAMING", "CONNECTIONS"}};
     bool anyWrapper = false;
@@ -813,9 +888,24 @@ std::string renderText(const Status& status) {
                         link.connections < 0 ? "?" : std::to_string(link.connections)});
     }
     if (status.links.empty()) {
-        out += "Links: none (no vexa_fw_<link> chain)\n";
+        *out += "Links: none (no vexa_fw_<link> chain)\n";
     } else {
-        appendColumns(rows, "", &out);
+        appendColumns(rows, "", out);
+    }
+    return anyWrapper;
+}
+
+std::string renderText(const Status& status) {
+    std::string out;
+    if (!status.present) {
+        out += "mlbd steering: absent: no vexa_ chains in the kernel (is mlbd running?)\n";
+        for (size_t i = 1; i < status.problems.size(); ++i) out += "  " + status.problems[i] + "\n";
+        return out;
+    }
+    const bool anyWrapper = appendLinks(status, &out);
+    if (status.ipv6Status && status.ipv6Status->present) {
+        out += "IPv6 (ip6tables, ip -6 rule):\n";
+        appendLinks(*status.ipv6Status, &out);
     }
     if (anyWrapper) {
         out += "  * through the link's _wrapper chain: only its whitelisted UIDs take the share\n";
@@ -832,7 +922,8 @@ std::string renderText(const Status& status) {
                                                 status.gamingLink + ")") +
            "\n";
     out += "UID lists:\n";
-    rows = {{"steered", "vexa_SLM_wapper", uidText(status.steeredUids)}};
+    std::vector<std::vector<std::string>> rows = {
+            {"steered", "vexa_SLM_wapper", uidText(status.steeredUids)}};
     for (const Link& link : status.links) {
         if (link.wrapper) {
             rows.push_back(
@@ -850,10 +941,15 @@ std::string renderText(const Status& status) {
                    ? "Tracked connections: " + std::to_string(status.conntrackEntries) +
                              " in nf_conntrack\n"
                    : std::string("Tracked connections: nf_conntrack not readable\n");
+    // The families' verdict follows the count once the IPv6 side is on.
+    const std::string families = status.ipv6 == "off"  ? ""
+                                 : status.ipv6 == "ok" ? " (IPv4 and IPv6)"
+                                                       : " (IPv6 " + status.ipv6 + ")";
     if (status.problems.empty()) {
-        out += "Health: OK\n";
+        out += "Health: OK" + families + "\n";
     } else {
-        out += "Health: " + std::to_string(status.problems.size()) + " problem(s)\n";
+        out += "Health: " + std::to_string(status.problems.size()) + " problem(s)" + families +
+               "\n";
         for (const std::string& problem : status.problems) out += "  - " + problem + "\n";
     }
     return out;
@@ -891,9 +987,9 @@ std::string jsonNumber(double value) {
     return std::isfinite(value) ? fixed(value, 6) : "null";
 }
 
-std::string renderJson(const Status& status) {
-    std::string out = "{\"present\": " + std::string(status.present ? "true" : "false");
-    out += ", \"links\": [";
+// The links as JSON objects, comma-separated.
+std::string jsonLinks(const Status& status) {
+    std::string out;
     for (size_t i = 0; i < status.links.size(); ++i) {
         const Link& link = status.links[i];
         std::vector<std::string> splits;
@@ -925,6 +1021,12 @@ std::string renderJson(const Status& status) {
                (link.connections < 0 ? std::string("null") : std::to_string(link.connections));
         out += "}";
     }
+    return out;
+}
+
+std::string renderJson(const Status& status) {
+    std::string out = "{\"present\": " + std::string(status.present ? "true" : "false");
+    out += ", \"links\": [" + jsonLinks(status);
     out += "], \"unsplit_share\": " + (status.anySplit ? jsonNumber(status.unsplit) : "null");
     out += ", \"gaming_link\": " +
            (status.gamingLink.empty() ? std::string("null") : jsonString(status.gamingLink));
@@ -932,6 +1034,10 @@ std::string renderJson(const Status& status) {
     out += ", \"conntrack_entries\": " + (status.conntrackReadable
                                                   ? std::to_string(status.conntrackEntries)
                                                   : std::string("null"));
+    out += ", \"ipv6\": " + jsonString(status.ipv6);
+    if (status.ipv6Status && status.ipv6Status->present) {
+        out += ", \"ipv6_links\": [" + jsonLinks(*status.ipv6Status) + "]";
+    }
     out += ", \"healthy\": " + std::string(status.problems.empty() ? "true" : "false");
     out += ", \"problems\": " + jsonStrings(status.problems) + "}\n";
     return out;
@@ -940,7 +1046,11 @@ std::string renderJson(const Status& status) {
 }  // namespace
 
 StatusReport describeStatus(const KernelListings& listings, bool json) {
-    const Status status = analyse(listings);
+    Status status = analyse(listings, false, listings.ipv6Expected);
+    Status ipv6;
+    if (listings.ipv6Read) ipv6 = analyse(listings, true, false);
+    status.ipv6 = compareFamilies(listings, status, ipv6);
+    if (status.ipv6 != "off") status.ipv6Status = std::make_shared<Status>(std::move(ipv6));
     StatusReport report;
     report.present = status.present;
     report.healthy = status.present && status.problems.empty();
@@ -979,6 +1089,20 @@ int statusMain(const std::vector<std::string>& args) {
         fprintf(stderr, "mlbdctl: status: %s\n", why.c_str());
         return kStatusReadFailed;
     }
+    // The IPv6 side: wanted when the configuration sets "ipv6"; read whenever its front-end
+    // is there, so that rules left behind by an earlier configuration show too.
+    listings.ipv6Expected = ipv6InConfiguration(devicePath("/vendor/etc/sla/mlbd.conf"));
+    const std::string ip6tables = devicePath("/system/bin/ip6tables-wrapper-1.0");
+    if (access(ip6tables.c_str(), X_OK) != 0) {
+        listings.ipv6ReadError = ip6tables + ": " + strerror(errno);
+    } else {
+        listings.ipv6Read = runTool({ip6tables, "-w", "-t", "mangle", "-S"}, kToolTimeoutMs,
+                                    &listings.mangle6, &listings.ipv6ReadError) &&
+                            runTool({ip6tables, "-w", "-t", "nat", "-S"}, kToolTimeoutMs,
+                                    &listings.nat6, &listings.ipv6ReadError) &&
+                            runTool({ip, "-6", "rule", "show"}, kToolTimeoutMs, &listings.ipRules6,
+                                    &listings.ipv6ReadError);
+    }
     std::ifstream conntrack(devicePath("/proc/net/nf_conntrack"));
     if (conntrack) {
         std::ostringstream text;
@@ -988,7 +1112,9 @@ int statusMain(const std::vector<std::string>& args) {
     }
     // Where the ip front-end maps table names to numbers (the host stand-in does), name them.
     bool numericTables = false;
-    for (const IpRule& rule : parseIpRules(listings.ipRules)) numericTables |= isNumber(rule.table);
+    for (const std::string* rules : {&listings.ipRules, &listings.ipRules6}) {
+        for (const IpRule& rule : parseIpRules(*rules)) numericTables |= isNumber(rule.table);
+    }
     if (numericTables) {
         for (const std::string& name : linkNames(parseTable(listings.mangle))) {
             std::string id;

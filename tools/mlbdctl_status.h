@@ -6,7 +6,10 @@
  * connections are counted in nf_conntrack. From these it reports, per managed link, the packet
  * mark, the routing table, the split (probability and effective share of new web connections),
  * whether the link is the one selected for games, the UID lists, the tracked connections
- * carrying the link's mark, and a health verdict on the rules (missing or duplicated).
+ * carrying the link's mark, and a health verdict on the rules (missing or duplicated). With the
+ * configuration's "ipv6" key set it also reads the IPv6 side (ip6tables, "ip -6 rule") and the
+ * masquerade of each link's v4- companion, and the verdict names a family that is missing or
+ * programmed differently from the other (half-programmed).
  */
 #pragma once
 
@@ -25,6 +28,12 @@ struct KernelListings {
     std::string conntrack;  // the nf_conntrack table
     // Numeric routing table -> interface name, where the ip front-end maps names to numbers.
     std::map<std::string, std::string> tableNames;
+    // The IPv6 side: wanted ("ipv6" set in the configuration file), and its listings when they
+    // could be read ("ip6tables -t mangle -S", "-t nat -S", "ip -6 rule show"), else why not.
+    bool ipv6Expected = false;
+    bool ipv6Read = false;
+    std::string ipv6ReadError;
+    std::string mangle6, nat6, ipRules6;
 };
 
 struct StatusReport {

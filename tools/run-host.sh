@@ -1,15 +1,18 @@
 #!/usr/bin/env bash
 # Builds mlbd and shows it at work on this host, in well under a minute, inside a private network
 # namespace (the "phone") joined to a peer namespace (the networks behind its links) by two
-# emulated links: wlan0 (20 ms, 1000 kbit/s) and rmnet_data0 (160 ms, 4000 kbit/s). The host's
-# own network configuration is never touched and no packet leaves the machine.
+# dual-stack emulated links: wlan0 (20 ms, 1000 kbit/s) and rmnet_data0 (160 ms, 4000 kbit/s),
+# each with an IPv4 and an IPv6 address. The shipped configuration has ipv6=1, so mlbd steers
+# both families. The host's own network configuration is never touched and no packet leaves the
+# machine.
 #
 #   1 start   mlbd, the SLA module's stand-in and the RTT responder; the web app's UID is
 #             whitelisted with mlbdctl
-#   2 web     the web app opens many short connections to port 80; the daemon measures each
-#             link's rate and splits new connections by it (Wi-Fi's share is its rate over the
-#             Wi-Fi threshold, cellular takes the rest)
-#   3 game    a game keeps a TCP connection to its server; mlbdctl starts link selection for it
+#   2 web     the web app opens many short connections to port 80, over IPv4 and over IPv6; the
+#             daemon measures each link's rate and splits new connections of both families by
+#             it (Wi-Fi's share is its rate over the Wi-Fi threshold, cellular takes the rest)
+#   3 game    a game keeps a TCP connection to its server over IPv6; mlbdctl starts link
+#             selection for it (the probes then measure that server over IPv6)
 #   4 slow    Wi-Fi's delay rises to 300 ms: the game's RTT crosses the exit threshold (130 ms),
 #             mlbd probes both links, steers the game to rmnet_data0 and resets its socket
 #   5 back    Wi-Fi's delay falls to 20 ms: the probes see it and the game returns to wlan0 (the
@@ -62,7 +65,7 @@ if [ "${1:-}" != "--inside" ]; then
     # The packet-filter and routing front-ends: host stand-ins that forward to iptables and ip
     # and refuse to run outside a private network namespace (see tools/host/).
     install -m 0755 "$here/tools/host/iptables-wrapper-1.0" "$here/tools/host/ip-wrapper-1.0" \
-        "$MLBD_ROOT/system/bin/"
+        "$here/tools/host/ip6tables-wrapper-1.0" "$MLBD_ROOT/system/bin/"
     rm -rf "$out" && mkdir -p "$out"
     # The demo runs as a background job, so that Ctrl-C reaches this shell at once (and not the
     # demo's own commands); it is passed on as SIGTERM, and the demo cleans up before it ends.
@@ -120,7 +123,8 @@ probes() { grep -o 'TCPing cacla rtt is -*[0-9]*,device is [a-z_0-9]*' "$out/mlb
         rtt["wlan0"] ? rtt["wlan0"] : "none yet", rtt["rmnet_data0"] }'; }
 steering_gone() {
     local rules
-    rules="$(iptables -w -t mangle -S; iptables -w -t nat -S; ip rule)"
+    rules="$(iptables -w -t mangle -S; iptables -w -t nat -S; ip rule; ip6tables -w -t mangle -S
+        ip6tables -w -t nat -S; ip -6 rule)"
     ! grep -q 'vexa_\|^30000:' <<<"$rules"
 }
 link_of_game() {  # LINK: the game's latest connection plays over LINK
@@ -136,12 +140,13 @@ inpeer() { "${inpeer[@]}" "$@"; }
 peer_apart() { [ "$(readlink "/proc/$peer/ns/net")" != "$(readlink /proc/$$/ns/net)" ]; }
 wait_for 5 peer_apart || fail "no peer namespace"
 inpeer ip link set lo up
-# The servers live on the peer's loopback: the default probe target 1.1.1.1:443, a web server
-# and a game server.
+# The servers live on the peer's loopback: the default probe target 1.1.1.1:443, a web server on
+# both families and a game server on IPv6.
 inpeer ip addr add 1.1.1.1/32 dev lo
 inpeer ip addr add 10.77.0.80/32 dev lo
-inpeer ip addr add 10.77.0.7/32 dev lo
-links=10.77.1.2=wlan0,10.77.2.2=rmnet_data0
+inpeer ip addr add fd77::80/128 dev lo
+inpeer ip addr add fd77::7/128 dev lo
+links=10.77.1.2=wlan0,10.77.2.2=rmnet_data0,fd00:1::2=wlan0,fd00:2::2=rmnet_data0
 
 # The two links: TUN delay lines to the peer.
 export LINK_EMULATOR_SOCKET="$MLBD_ROOT/link-emulator.sock"
@@ -155,23 +160,32 @@ inpeer ip addr add 10.77.1.1 peer 10.77.1.2 dev wlan0-net
 inpeer ip addr add 10.77.2.1 peer 10.77.2.2 dev rmnet0-net
 ip route add default dev wlan0 metric 10
 ip route add default dev rmnet_data0 metric 20
+ip addr add fd00:1::2 peer fd00:1::1 dev wlan0 nodad
+ip addr add fd00:2::2 peer fd00:2::1 dev rmnet_data0 nodad
+inpeer ip addr add fd00:1::1 peer fd00:1::2 dev wlan0-net nodad
+inpeer ip addr add fd00:2::1 peer fd00:2::2 dev rmnet0-net nodad
+ip -6 route add default dev wlan0 metric 10
+ip -6 route add default dev rmnet_data0 metric 20
 # Routing tables named after the interfaces, as on the device; the ip wrapper maps each name to
 # a fixed table number, so these routes and the daemon's "table <iface>" rules meet. The daemon's
 # connection count reads this namespace's tracking table.
 "$MLBD_ROOT/system/bin/ip-wrapper-1.0" route add default dev wlan0 table wlan0
 "$MLBD_ROOT/system/bin/ip-wrapper-1.0" route add default dev rmnet_data0 table rmnet_data0
+"$MLBD_ROOT/system/bin/ip-wrapper-1.0" -6 route add default dev wlan0 table wlan0
+"$MLBD_ROOT/system/bin/ip-wrapper-1.0" -6 route add default dev rmnet_data0 table rmnet_data0
 ln -sf /proc/net/nf_conntrack "$MLBD_ROOT/proc/net/nf_conntrack"
 
 "${inpeer[@]}" "$build/tools/rtt-responder" --address 1.1.1.1 --port 443 \
     2>"$out/rtt-responder.log" &
 "${inpeer[@]}" "${demo[@]}" web-server 10.77.0.80 80 &
-"${inpeer[@]}" "${demo[@]}" game-server 10.77.0.7 7777 &
+"${inpeer[@]}" "${demo[@]}" web-server fd77::80 80 &
+"${inpeer[@]}" "${demo[@]}" game-server fd77::7 7777 &
 # The SLA module's stand-in serves $MLBD_ROOT/proc/sla from this namespace's byte counters.
 "$build/tools/sla-standin" --root "$MLBD_ROOT" --iface wlan0 --iface rmnet_data0 --verbose \
     2>"$out/sla-standin.log" &
 wait_for 5 test -p "$MLBD_ROOT/proc/sla/config" || fail "no SLA stand-in"
 
-phase "1 start: mlbd on wlan0 (20 ms, 1000 kbit/s) and rmnet_data0 (160 ms, 4000 kbit/s)"
+phase "1 start: mlbd on dual-stack wlan0 (20 ms, 1000 kbit/s) and rmnet_data0 (160 ms, 4000 kbit/s)"
 "$build/mlbd" 2>"$out/mlbd.log" &
 "${demo[@]}" relay "$MLBD_ROOT/dev/socket/mlbd" "$MLBD_ROOT/mlbdctl-relay.sock" &
 wait_for 10 test -S "$MLBD_ROOT/mlbdctl-relay.sock" || fail "mlbd's control socket never came"
@@ -179,19 +193,21 @@ ctl whitelist 10010
 wait_for 5 grep -q "uid-owner 10010 -j vexa_SLM" "$out/mlbd.log" || fail "whitelist not applied"
 status
 
-phase "2 web: UID 10010 loads pages for 10 s; mlbd splits new connections by measured rate"
-"${demo[@]}" web 10010 10.77.0.80 80 "$links" 10 &
+phase "2 web: UID 10010 loads pages for 10 s over IPv4 and IPv6; mlbd splits new connections by measured rate"
+"${demo[@]}" web 10010 10.77.0.80 80 "$links" 10 > >(sed -u 's/web:/web (IPv4):/') &
 web=$!
+"${demo[@]}" web 10010 fd77::80 80 "$links" 10 > >(sed -u 's/web:/web (IPv6):/') &
+web6=$!
 pause 8
 status
 rates="$(tail -1 "$out/sla-standin.log")"
 threshold="$(sed -n 's/^wifi_threshold=//p' "$MLBD_ROOT/vendor/etc/sla/mlbd.conf")"
 say "received in the last second: ${rates#*received }. Wi-Fi's share of new web" \
     "connections is its rate over wifi_threshold ($threshold kbit/s); cellular takes the rest"
-wait "$web" || true
+wait "$web" "$web6" || true
 
-phase "3 game: UID 10050 plays on its server 10.77.0.7:7777; link selection starts"
-"${demo[@]}" game 10050 10.77.0.7 7777 "$links" > >(tee "$out/game.log") &
+phase "3 game: UID 10050 plays on its server [fd77::7]:7777 over IPv6; link selection starts"
+"${demo[@]}" game 10050 fd77::7 7777 "$links" > >(tee "$out/game.log") &
 wait_for 5 link_of_game wlan0 || fail "the game did not connect"
 ctl start-sls 10050
 pause 3

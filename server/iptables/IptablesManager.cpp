@@ -10,11 +10,15 @@
 #include "IptablesManager.h"
 
 #include <android/log.h>
+#include <errno.h>
+#include <net/if.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <cstring>
+#include <vector>
 
 #include "execnetd.h"
 #include "platform/Platform.h"
@@ -68,13 +72,28 @@ std::string iptablesTool() {
     return mlbd::devicePath("/system/bin/iptables-wrapper-1.0");
 }
 
+std::string ip6tablesTool() {
+    return mlbd::devicePath("/system/bin/ip6tables-wrapper-1.0");
+}
+
 std::string ipTool() {
     return mlbd::devicePath("/system/bin/ip-wrapper-1.0");
 }
 
+// One command of an operation, as the IPv6 side repeats it: the arguments of the packet-filter
+// front-end, or of the ip front-end.
+struct MirroredCommand {
+    bool ip;
+    std::string args;
+};
+
+// While an operation runs with IPv6 steering on, the IPv4 commands it issues on this thread are
+// also collected here, to be repeated for IPv6 once the IPv4 side is done (see DualStack).
+thread_local std::vector<MirroredCommand>* tMirror = nullptr;
+
 // Runs `tool` with the formatted arguments; the whole line is checked against the 511-character
 // limit (an argument text that alone overflows ends the process just the same).
-int runTool(const std::string& tool, const char* fmt, va_list ap) {
+int runTool(const std::string& tool, bool ip, const char* fmt, va_list ap) {
     char args[kCommandSize];
     memset(args, 0, sizeof(args));
     int n = vsnprintf(args, sizeof(args), fmt, ap);
@@ -83,6 +102,7 @@ int runTool(const std::string& tool, const char* fmt, va_list ap) {
         formatChecked(command, kCommandSize, "%s %s...", tool.c_str(), args);
     }
     formatChecked(command, kCommandSize, "%s %s", tool.c_str(), args);
+    if (tMirror != nullptr) tMirror->push_back({ip, args});
     return execnetd(command);
 }
 
@@ -90,7 +110,7 @@ int runTool(const std::string& tool, const char* fmt, va_list ap) {
 __attribute__((format(printf, 1, 2))) int ipt(const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    int rc = runTool(iptablesTool(), fmt, ap);
+    int rc = runTool(iptablesTool(), false, fmt, ap);
     va_end(ap);
     return rc;
 }
@@ -99,10 +119,63 @@ __attribute__((format(printf, 1, 2))) int ipt(const char* fmt, ...) {
 __attribute__((format(printf, 1, 2))) int ipr(const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    int rc = runTool(ipTool(), fmt, ap);
+    int rc = runTool(ipTool(), true, fmt, ap);
     va_end(ap);
     return rc;
 }
+
+// The IPv6 form of a collected command: the same arguments through the IPv6 packet-filter
+// front-end, or "-6" instead of "-4" for the ip front-end. Counted as execnetd counts.
+int runIpv6(const MirroredCommand& command) {
+    CommandBuf line;
+    if (!command.ip) {
+        formatChecked(line, kCommandSize, "%s %s", ip6tablesTool().c_str(), command.args.c_str());
+    } else {
+        const bool v4 = command.args.compare(0, 3, "-4 ") == 0;
+        formatChecked(line, kCommandSize, "%s %s%s", ipTool().c_str(), v4 ? "-6 " : "",
+                      command.args.c_str() + (v4 ? 3 : 0));
+    }
+    return execnetd(line);
+}
+
+// Scope of one operation: collects its IPv4 commands when `enabled` and no outer operation of
+// this thread collects already, and on finish() runs their IPv6 forms after the IPv4 side. An
+// IPv6 failure is logged under the operation's name and never changes the IPv4 result.
+class DualStack {
+  public:
+    DualStack(bool enabled, const char* operation) : operation_(operation) {
+        if (enabled && tMirror == nullptr) tMirror = &commands_;
+        owner_ = tMirror == &commands_;
+    }
+    ~DualStack() { finish(); }
+    DualStack(const DualStack&) = delete;
+    DualStack& operator=(const DualStack&) = delete;
+
+    // Leaves IPv4-only commands (the 464XLAT companion's masquerade) out of the IPv6 side.
+    struct Ipv4Only {
+        Ipv4Only() : saved(tMirror) { tMirror = nullptr; }
+        ~Ipv4Only() { tMirror = saved; }
+        std::vector<MirroredCommand>* saved;
+    };
+
+    void finish() {
+        if (!owner_) return;
+        owner_ = false;
+        tMirror = nullptr;
+        int failed = 0;
+        for (const MirroredCommand& command : commands_) failed += runIpv6(command) != 0;
+        if (failed != 0) {
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                                "%s IPv6 side: %d of %zu commands could not be started", operation_,
+                                failed, commands_.size());
+        }
+    }
+
+  private:
+    const char* operation_;
+    bool owner_ = false;
+    std::vector<MirroredCommand> commands_;
+};
 
 // Logs and refuses a UID text that must not enter a command line.
 bool acceptUid(const char* function, const std::string& uid) {
@@ -152,7 +225,18 @@ void IptablesManager::clean_SLM_iptables() {
     sTornDown = true;
 }
 
-IptablesManager::IptablesManager() {
+bool IptablesManager::ipv6FrontEndUsable(const char* when) {
+    if (!Parameters::instance()->isIpv6Enabled()) return false;
+    const std::string tool = ip6tablesTool();
+    if (access(tool.c_str(), X_OK) == 0) return true;
+    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                        "%s IPv6 steering skipped: %s cannot be run (%s); IPv4 steering goes on",
+                        when, tool.c_str(), strerror(errno));
+    return false;
+}
+
+IptablesManager::IptablesManager() : ipv6_(ipv6FrontEndUsable("IptablesManager")) {
+    DualStack dualStack(ipv6_, "IptablesManager");
     ipt("-w -t mangle -N vexa_SLM");
     ipt("-w -t mangle -F vexa_SLM");
     ipt("-w -t mangle -N vexa_SLA");
@@ -177,6 +261,10 @@ IptablesManager::IptablesManager() {
 IptablesManager::~IptablesManager() {
     __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "%s IptablesManager Distructor called ",
                         "~IptablesManager");
+    // The IPv6 side goes whenever its front-end can be run now, also when it could not be
+    // built at start: the deletions of what is not there are harmless.
+    ipv6_ = ipv6FrontEndUsable("~IptablesManager");
+    DualStack dualStack(ipv6_, "~IptablesManager");
     ipt("-w -t mangle -D OUTPUT -j vexa_SLM_wapper");
     ipt("-w -t nat -D POSTROUTING -j vexa_nat_POSTROUTING_SLM");
     ipt("-w -t nat -F vexa_nat_POSTROUTING_SLM");
@@ -208,6 +296,7 @@ int IptablesManager::create_SLM_FWMARK_chain_for_iface(InterfaceInfo_t* iface) {
     ChainBuf wrapper;
     formatChecked(wrapper, kChainSize, "%s_wrapper", chain);
 
+    DualStack dualStack(ipv6_, "create_SLM_FWMARK_chain_for_iface");
     int result = 0;
     ipt("-w -t mangle -N %s", chain);
     result += ipt("-w -t mangle -F %s", chain);
@@ -220,6 +309,16 @@ int IptablesManager::create_SLM_FWMARK_chain_for_iface(InterfaceInfo_t* iface) {
     result += ipt("-w -t mangle -A %s -j ACCEPT", chain);
     result += ipr("-4 rule add fwmark %s table %s prio 30000", iface->fwmark, iface->routeTable);
     result += ipt("-w -t nat -I vexa_nat_POSTROUTING_SLM -o %s -j MASQUERADE", iface->name);
+    if (ipv6_) {
+        // On an IPv6-only network the platform's 464XLAT interface v4-<iface> (a name of at
+        // most 15 characters, as the kernel keeps it) carries the link's IPv4 traffic: a
+        // connection rerouted there from another link's address must be rewritten too.
+        DualStack::Ipv4Only ipv4Only;
+        const std::string companion = ("v4-" + std::string(iface->name)).substr(0, IFNAMSIZ - 1);
+        result +=
+                ipt("-w -t nat -I vexa_nat_POSTROUTING_SLM -o %s -j MASQUERADE", companion.c_str());
+    }
+    dualStack.finish();
     if (result == 0) return 0;
     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                         "%s Failue when creating FWMARK tables for interface %s ",
@@ -238,6 +337,7 @@ int IptablesManager::remove_SLM_FWMARK_chain_for_iface(InterfaceInfo_t* iface) {
     ChainBuf wrapper;
     formatChecked(wrapper, kChainSize, "%s_wrapper", chain);
 
+    DualStack dualStack(ipv6_, "remove_SLM_FWMARK_chain_for_iface");
     int result = 0;
     if (iface->metered || iface->dblWlan) {
         ipt("-w -t mangle -F %s", wrapper);
@@ -250,6 +350,7 @@ int IptablesManager::remove_SLM_FWMARK_chain_for_iface(InterfaceInfo_t* iface) {
     // for all interfaces together at shut-down.
     result += ipt("-w -t nat -F vexa_nat_POSTROUTING_SLM");
     result += ipt("-w -t nat -X vexa_nat_POSTROUTING_SLM");
+    dualStack.finish();
     if (result == 0) return 0;
     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                         "%s Failure when creating FWMARK tables for interface %s ",
@@ -260,6 +361,7 @@ int IptablesManager::remove_SLM_FWMARK_chain_for_iface(InterfaceInfo_t* iface) {
 int IptablesManager::forEachInterface(int (IptablesManager::*operation)(InterfaceInfo_t*),
                                       const char* caller, const char* failedFormat,
                                       const char* allFailedFormat) {
+    DualStack dualStack(ipv6_, caller);
     bool failed = false;
     for (auto& entry : interfaceMap()) {
         InterfaceInfo_t* iface = entry.second;
@@ -269,6 +371,7 @@ int IptablesManager::forEachInterface(int (IptablesManager::*operation)(Interfac
         }
         failed = true;
     }
+    dualStack.finish();
     if (!failed) return 0;
     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, allFailedFormat, caller);
     return -1;
@@ -346,6 +449,7 @@ InterfaceInfo_t* recordFor(linkStatsWrapper_t* ws) {
 }  // namespace
 
 int IptablesManager::set_SLA_ratio_iptables(std::map<std::string, linkStatsWrapper_t*>& wrappers) {
+    DualStack dualStack(ipv6_, "set_SLA_ratio_iptables");
     int result = ipt("-w -t mangle -F vexa_SLA");
     if (!wrappers.empty()) {
         float cumulative = 0.0f;
@@ -361,6 +465,7 @@ int IptablesManager::set_SLA_ratio_iptables(std::map<std::string, linkStatsWrapp
             }
         }
     }
+    dualStack.finish();
     if (result == 0) return 0;
     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s Failure when setting SLA Ratios ",
                         "set_SLA_ratio_iptables");
@@ -395,6 +500,7 @@ int IptablesManager::get_nf_conntrack_mark_number(std::string fwmark) {
 
 int IptablesManager::whitelistForFlaggedInterfaces(bool metered,
                                                    const std::vector<std::string>& uids) {
+    DualStack dualStack(ipv6_, metered ? "setup_uid_whitelist" : "setup_double_wlan_uid_whitelist");
     int result = 0;
     for (auto& entry : interfaceMap()) {
         InterfaceInfo_t* iface = entry.second;
@@ -424,6 +530,7 @@ int IptablesManager::setup_double_wlan_uid_whitelist() {
 
 int IptablesManager::setup_slm_whitelist() {
     Parameters* parameters = Parameters::instance();
+    DualStack dualStack(ipv6_, "setup_slm_whitelist");
     int result = ipt("-w -t mangle -F vexa_SLM_wapper");
     for (const std::vector<std::string>& list :
          {parameters->getDblWlanUidWhitelist(), parameters->getUidWhitelist(),
@@ -448,6 +555,7 @@ int IptablesManager::create_SLS_iptables_UID_for_interface(InterfaceInfo_t* ifac
     buildChainName(sls, "vexa_sls_", iface->name);
     buildChainName(uidChain, "vexa_sls_uid_", iface->name);
 
+    DualStack dualStack(ipv6_, "create_SLS_iptables_UID_for_interface");
     int result = 0;
     ipt("-w -t mangle -N %s", sls);
     result += ipt("-w -t mangle -F %s", sls);
@@ -462,6 +570,7 @@ int IptablesManager::create_SLS_iptables_UID_for_interface(InterfaceInfo_t* ifac
         result +=
                 ipt("-w -t mangle -A %s -m owner --uid-owner %s -j %s", uidChain, uid.c_str(), sls);
     }
+    dualStack.finish();
     if (result == 0) return 0;
     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                         "%s Failue when creating UID tables for interface %s ",
@@ -479,6 +588,7 @@ int IptablesManager::remove_SLS_iptables_UID_for_interface(InterfaceInfo_t* ifac
     buildChainName(sls, "vexa_sls_", iface->name);
     buildChainName(uidChain, "vexa_sls_uid_", iface->name);
 
+    DualStack dualStack(ipv6_, "remove_SLS_iptables_UID_for_interface");
     int result = 0;
     result += ipt("-w -t mangle -F vexa_SLS");
     result += ipt("-w -t mangle -F %s", sls);
@@ -490,6 +600,7 @@ int IptablesManager::remove_SLS_iptables_UID_for_interface(InterfaceInfo_t* ifac
         result += ipt("-w -t mangle -D vexa_SLM_wapper -m owner --uid-owner %s -j vexa_SLM",
                       uid.c_str());
     }
+    dualStack.finish();
     if (result == 0) return 0;
     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                         "%s Failue when creating UID tables for interface %s ",
@@ -515,8 +626,10 @@ int IptablesManager::set_SLS_interface(const char* ifaceName) {
     ChainBuf uidChain;
     buildChainName(uidChain, "vexa_sls_uid_", ifaceName ? ifaceName : "");
     // Both lines carry two blanks after the tool's name.
+    DualStack dualStack(ipv6_, "set_SLS_interface");
     int result = ipt(" -w -t mangle -F vexa_SLS");
     result += ipt(" -w -t mangle -A vexa_SLS -j %s", uidChain);
+    dualStack.finish();
     if (result == 0) return 0;
     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s Failue during SLS interface switch  %s %s ",
                         "set_SLS_interface", ifaceName ? ifaceName : "", uidChain);

@@ -8,6 +8,12 @@
  * and the smart-link-selection chains. Every command goes through execnetd(); members return 0
  * when every command could be started and non-zero otherwise, after still attempting them all.
  *
+ * With the "ipv6" key set, every operation runs the same commands for IPv6 once its IPv4 commands
+ * are done: the same arguments through /system/bin/ip6tables-wrapper-1.0, "ip -6 rule" instead
+ * of "ip -4 rule"; and each interface's masquerade also covers its 464XLAT companion v4-<iface>.
+ * The IPv6 side is skipped (logged) when its front-end cannot be run, and its failures are
+ * logged without changing any result: the IPv4 side never depends on it.
+ *
  * UID texts are refused (logged at ERROR and skipped, without counting as a failure) unless they
  * are 1 to 10 decimal digits without a leading zero (or "0" itself) of at most 4294967294; see
  * isValidUidText().
@@ -19,6 +25,7 @@
 #include <string>
 
 #include "parameters/Parameters.h"
+#include "parameters/Relaxed.h"
 #include "stats/LinkStats.h"
 
 class IptablesManager {
@@ -68,6 +75,11 @@ class IptablesManager {
     int forEachInterface(int (IptablesManager::*operation)(InterfaceInfo_t*), const char* caller,
                          const char* failedFormat, const char* allFailedFormat);
     int whitelistForFlaggedInterfaces(bool metered, const std::vector<std::string>& uids);
+    // Whether the IPv6 side is wanted ("ipv6" set) and its front-end can be run; logs why not.
+    static bool ipv6FrontEndUsable(const char* when);
+
+    // IPv6 side on: set at construction, reviewed at teardown.
+    mlbd::Relaxed<bool> ipv6_{false};
 
     static IptablesManager* sInstance;
     static bool sTornDown;

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
 #include <set>
 
 #include "iptables/IptablesManager.h"
@@ -50,13 +52,16 @@ class IptablesManagerTest : public ::testing::Test {
         for (InterfaceInfo_t& r : records_) Peer::interfaces(params_)[r.name] = &r;
     }
     int setSla(const std::map<std::string, float>& ratios) {
+        return setSlaOn(IptablesManager::instance(), ratios);
+    }
+    int setSlaOn(IptablesManager* mgr, const std::map<std::string, float>& ratios) {
         std::map<std::string, linkStatsWrapper_t*> wrappers;
         for (const auto& [name, ratio] : ratios) {
             linkStatsWrapper_t& w = *(wrappers[name] = &wrappers_[name]);
             snprintf(w.interfaceName, sizeof(w.interfaceName), "%s", name.c_str());
             w.interfaceRatio = ratio;
         }
-        return IptablesManager::instance()->set_SLA_ratio_iptables(wrappers);
+        return mgr->set_SLA_ratio_iptables(wrappers);
     }
     Lines take() {
         Lines lines = rec_->lines();
@@ -132,6 +137,73 @@ TEST_F(IptablesManagerTest, HostileInputNeverEntersACommandLine) {
         EXPECT_EQ(std::string::npos, line.find("vexa_fw_x")) << line;
     }
     EXPECT_EQ((std::set<std::string>{"0", "10006", "4294967294"}), owners);
+}
+
+// The whole life of the rules with an IPv6 front-end in place, in three set-ups: "ipv6" 0 (no
+// IPv6 command at all: the lines are those checked above), "ipv6" 1 with the front-end missing
+// (logged, then the same lines), and "ipv6" 1: per operation its IPv4 lines, with the masquerade
+// of each link's v4- companion after the link's own, then the same arguments again for IPv6.
+TEST_F(IptablesManagerTest, BothFamiliesPerOperation) {
+    std::string tmpl = mlbd::scratchDirectory() + "/mlbd-ipt6-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(&tmpl[0]));
+    const std::string root = tmpl.c_str(), bin = root + "/system/bin/";
+    setenv("MLBD_ROOT", root.c_str(), 1);
+    const std::string ipt4 = bin + "iptables-wrapper-1.0 ", ipt6 = bin + "ip6tables-wrapper-1.0 ",
+                      ip = bin + "ip-wrapper-1.0 ";
+    IptablesManager* mgr = nullptr;
+    const std::vector<std::function<int()>> ops = {
+            [&] { return (mgr = new IptablesManager()) ? 0 : -1; },
+            [&] { return mgr->setup_SLM_iptables_FWMARK_chains(); },
+            [&] { return mgr->setup_slm_whitelist(); },
+            [&] { return mgr->setup_uid_whitelist(); },
+            [&] { return mgr->setup_SLS_iptables_UID_chains(); },
+            [&] { return mgr->set_SLS_interface("rmnet_data0"); },
+            [&] {
+                return setSlaOn(mgr, {{"wlan0", 0.25f}, {"rmnet_data0", 0.5f}});
+            },
+            [&] { return mgr->cleanup_SLS_iptables_UID_chains(); },
+            [&] { return delete mgr, 0; },
+    };
+    std::vector<Lines> ipv4Only;
+    for (const int setup : {0, 1, 2}) {
+        SCOPED_TRACE(setup);
+        params_->ipv6 = setup != 0;
+        ASSERT_EQ(0, system(("rm -rf " + bin + " && mkdir -p " + bin).c_str()));
+        if (setup == 2) {
+            ASSERT_EQ(0, system(("touch " + ipt6 + " && chmod 755 " + ipt6).c_str()));
+        }
+        testing::internal::CaptureStderr();
+        for (size_t i = 0; i < ops.size(); ++i) {
+            take();
+            EXPECT_EQ(0, ops[i]());
+            const Lines lines = take();
+            if (setup == 0) ipv4Only.push_back(lines);
+            const std::string all = testing::PrintToString(lines);
+            for (const char* ipv6Only : {"ip6tables", " -6 ", "v4-"}) {
+                EXPECT_TRUE(setup > 0 || all.find(ipv6Only) == all.npos) << ipv6Only;
+            }
+            // Set-up 2: the IPv4 lines with the companions' masquerades, then the IPv6 forms
+            // ("-4 rule" becoming "-6 rule": routing rules, ratio rules with the same texts).
+            Lines expected, ipv6;
+            for (const std::string& line : ipv4Only[i]) {
+                expected.push_back(line);
+                const size_t at = line.find(" -o ");
+                if (setup == 2 && at != line.npos) {
+                    expected.push_back(line.substr(0, at + 4) + "v4-" + line.substr(at + 4));
+                }
+                ipv6.push_back(line.compare(0, ipt4.size(), ipt4) == 0
+                                       ? ipt6 + line.substr(ipt4.size())
+                                       : ip + "-6" + line.substr(ip.size() + 2));
+            }
+            if (setup == 2) expected.insert(expected.end(), ipv6.begin(), ipv6.end());
+            EXPECT_EQ(expected, lines);
+        }
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(setup == 1, log.find("IPv6 steering skipped: " + ipt6.substr(0, ipt6.size() - 1) +
+                                       " cannot be run (No such file or directory); IPv4 "
+                                       "steering goes on") != log.npos);
+    }
+    ASSERT_EQ(0, system(("rm -rf " + root).c_str()));
 }
 
 // A command longer than 511 characters ends the process instead of running cut.

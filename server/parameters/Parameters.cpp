@@ -4,6 +4,7 @@
 #include "Parameters.h"
 
 #include <android/log.h>
+#include <arpa/inet.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -13,6 +14,7 @@
 #define LOG_TAG "Mlbd-SlaParameters"
 #define LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, __VA_ARGS__)
 #define LOGE(...) __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, __VA_ARGS__)
+#define LOGI(...) __android_log_print(ANDROID_LOG_INFO, LOG_TAG, __VA_ARGS__)
 
 Parameters* Parameters::sInstance = nullptr;
 
@@ -114,6 +116,9 @@ const ConfKey kConfKeys[] = {
         intKey("rtt_entry_threshold", &Parameters::rtt_entry_threshold),
         intKey("rtt_exit_threshold", &Parameters::rtt_exit_threshold),
         setterKey("uid_whitelist", &Parameters::setuidwhitelist),
+        // Dual-stack steering.
+        intKey("ipv6", &Parameters::ipv6),
+        textKey("rtt_server6", &Parameters::rttServer6),
 };
 
 }  // namespace
@@ -177,7 +182,20 @@ void Parameters::reset() {
     memset(ifacesProp, 0, sizeof(ifacesProp));
     memset(modeProp, 0, sizeof(modeProp));
 
+    ipv6 = 0;
+    rttServer6.clear();
     readMlbdConfFile(mlbd::devicePath(MLBD_CONF_PATH).c_str());
+    rttServerDefault = getGamingRttServer();
+    in6_addr parsed;
+    if (!rttServer6.empty() && inet_pton(AF_INET6, rttServer6.c_str(), &parsed) != 1) {
+        LOGE("%s rtt_server6 '%.64s' is not an IPv6 address: no IPv6 default probe target", "reset",
+             rttServer6.c_str());
+        rttServer6.clear();
+    }
+    if (isIpv6Enabled()) {
+        LOGI("%s ipv6 steering on, IPv6 default probe target %s", "reset",
+             rttServer6.empty() ? "none" : rttServer6.c_str());
+    }
     updateIfaces();
     updateuidwhitelist();
 }

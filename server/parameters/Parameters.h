@@ -194,6 +194,15 @@ class Parameters {
     mlbd::Relaxed<int32_t> wifiRttPenaltyMs = 0;
     char lastUidWhitelistProp[128] = {};
 
+    // Dual-stack steering ("ipv6", off unless set): IPv6 rules beside the IPv4 ones, IPv6 probe
+    // targets and the masquerade of 464XLAT companions. "rtt_server6" is the default probe target
+    // of a link without an IPv4 address while the target is still the configured "rtt_server"
+    // (rttServerDefault); both texts are written only while the store is built.
+    mlbd::Relaxed<int32_t> ipv6 = 0;
+    std::string rttServer6;
+    std::string rttServerDefault;
+    bool isIpv6Enabled() const { return ipv6 != 0; }
+
   private:
     friend struct ParametersTestPeer;
     std::string* interfaceString(int index);

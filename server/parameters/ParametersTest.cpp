@@ -54,6 +54,13 @@ TEST_F(ParametersTest, ConfigurationFile) {
               (Strings{"a=b", "80,443,8080", "http\r", ""}));
     char buf[32];
     EXPECT_STREQ(p->getStatsPorts(buf, 8), "ports=8");  // cut to the caller's buffer
+    // Dual-stack keys: an IPv6 default target that is not an IPv6 address is dropped.
+    p = withConf("ipv6=1\nrtt_server6=2606:4700:4700::1111\nrtt_server=10.0.0.9\n");
+    EXPECT_EQ((Strings{"2606:4700:4700::1111", "10.0.0.9", "1"}),
+              (Strings{p->rttServer6, p->rttServerDefault, std::to_string(p->isIpv6Enabled())}));
+    p = withConf("rtt_server6=1.1.1.1\n");
+    EXPECT_EQ((Strings{"", DEFAULT_RTT_SERVER, "0"}),
+              (Strings{p->rttServer6, p->rttServerDefault, std::to_string(p->isIpv6Enabled())}));
     // Out of range, a negative id included, reads all ones.
     for (int id : {29, -1}) EXPECT_EQ(p->get(static_cast<OperId>(id)), 0xFFFFFFFFu);
     // A file beyond the 4 MB limit is read up to it and the daemon goes on.

@@ -35,9 +35,44 @@ void closeSocket(sls_tcping_info* info) {
     info->sockfd = -1;
 }
 
+// Whether the interface lacks an IPv4 address (an IPv6-only link, whose IPv4 if any goes through
+// the platform's 464XLAT interface). A probe bound to it could not reach an IPv4 target: the
+// kernel would send on-link from no address and wait out the time-out.
+bool lacksIpv4Address(const char* name) {
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return false;
+    struct ifreq request;
+    memset(&request, 0, sizeof(request));
+    strncpy(request.ifr_name, name, IFNAMSIZ - 1);
+    const bool lacks = ioctl(fd, SIOCGIFADDR, &request) != 0 && errno == EADDRNOTAVAIL;
+    close(fd);
+    return lacks;
+}
+
+// The IPv6 default target to probe instead of the configured IPv4 default target through a link
+// without IPv4; null otherwise.
+const char* ipv6DefaultTargetFor(const sls_tcping_info* info) {
+    Parameters* params = Parameters::instance();
+    if (!params->isIpv6Enabled() || params->rttServer6.empty() || info->server == nullptr ||
+        info->ifaceName == nullptr || params->rttServerDefault != info->server ||
+        !lacksIpv4Address(info->ifaceName)) {
+        return nullptr;
+    }
+    return params->rttServer6.c_str();
+}
+
 }  // namespace
 
 int Tcping::updateTcpingRtt(sls_tcping_info* info) {
+    if (const char* target = ipv6DefaultTargetFor(info)) {
+        LOGD("updateTcpingRtt %s has no IPv4 address, probing the IPv6 default target %s",
+             info->ifaceName, target);
+        sls_tcping_info over6 = *info;
+        over6.server = target;
+        const int rtt = populateTcpingSocket(&over6) < 0 ? -1 : getTcpingRtt(&over6);
+        info->rtt = over6.rtt;
+        return rtt;
+    }
     if (populateTcpingSocket(info) < 0) return -1;
     return getTcpingRtt(info);
 }
@@ -47,13 +82,15 @@ int Tcping::populateTcpingSocket(sls_tcping_info* info) {
     // A target that cannot be reached by its nature is a miss with a clear line, not a
     // connection attempt to the broadcast address or to port 0.
     in_addr_t address = inet_addr(server);
-    if (address == INADDR_NONE || info->port == 0 || info->port > 0xFFFF) {
+    info->ipv6 = Parameters::instance()->isIpv6Enabled() &&
+                 inet_pton(AF_INET6, server, &info->serverAddr6.sin6_addr) == 1;
+    if ((address == INADDR_NONE && !info->ipv6) || info->port == 0 || info->port > 0xFFFF) {
         LOGE("populateTcpingSocket rtt server %s port %u is not an IPv4 address and port", server,
              info->port);
         return -1;
     }
 
-    info->sockfd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    info->sockfd = socket(info->ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (info->sockfd < 0) {
         LOGE("create socket failed of client!\n");
         return -1;
@@ -62,6 +99,8 @@ int Tcping::populateTcpingSocket(sls_tcping_info* info) {
     info->serverAddr.sin_family = AF_INET;
     info->serverAddr.sin_port = htons(static_cast<uint16_t>(info->port));
     info->serverAddr.sin_addr.s_addr = address;
+    info->serverAddr6.sin6_family = AF_INET6;
+    info->serverAddr6.sin6_port = info->serverAddr.sin_port;
 
     // The send time-out also bounds the connect.
     struct timeval timeout = {0, kTimeoutUs};
@@ -88,8 +127,18 @@ int Tcping::populateTcpingSocket(sls_tcping_info* info) {
 }
 
 int Tcping::getTcpingRtt(sls_tcping_info* info) {
-    if (connect(info->sockfd, reinterpret_cast<const sockaddr*>(&info->serverAddr),
-                sizeof(info->serverAddr)) != 0) {
+    const bool connected =
+            info->ipv6
+                    ? connect(info->sockfd, reinterpret_cast<const sockaddr*>(&info->serverAddr6),
+                              sizeof(info->serverAddr6)) == 0
+                    : connect(info->sockfd, reinterpret_cast<const sockaddr*>(&info->serverAddr),
+                              sizeof(info->serverAddr)) == 0;
+    if (!connected) {
+        const int error = errno;
+        if (Parameters::instance()->isIpv6Enabled()) {
+            LOGD("getTcpingRtt %s to %s: %s", info->ifaceName != nullptr ? info->ifaceName : "",
+                 info->server != nullptr ? info->server : "", strerror(error));
+        }
         LOGE("connect failed of client!\n");
         closeSocket(info);
         return -1;

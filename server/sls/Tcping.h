@@ -18,6 +18,9 @@ struct sls_tcping_info {
     uint32_t minCapMs = 0;            // rtt_min_cap_ms at thread start, not consulted
     uint32_t rtt = 0;                 // the last result, ms
     uint32_t port = 0;                // the server's TCP port, host order
+    // With the "ipv6" key set, a server given as an IPv6 address is probed over IPv6, here.
+    bool ipv6 = false;
+    sockaddr_in6 serverAddr6 = {};
 };
 
 class Tcping {

@@ -76,19 +76,29 @@ bool EmulatedLinks::start(Netns& net, int wlanDelayMs, int cellDelayMs, std::str
         *why = "link-emulator did not start (see its messages above)";
         return false;
     }
+    // Both families on both links; the IPv6 addresses skip duplicate detection so that they
+    // serve at once.
     if (Netns::run("ip addr add 10.77.1.2 peer 10.77.1.1 dev wlan0 && "
                    "ip addr add 10.77.2.2 peer 10.77.2.1 dev rmnet_data0 && "
                    "ip route add default dev wlan0 metric 10 && "
-                   "ip route add default dev rmnet_data0 metric 20") != 0 ||
+                   "ip route add default dev rmnet_data0 metric 20 && "
+                   "ip addr add fd00:1::2 peer fd00:1::1 dev wlan0 nodad && "
+                   "ip addr add fd00:2::2 peer fd00:2::1 dev rmnet_data0 nodad && "
+                   "ip -6 route add default dev wlan0 metric 10 && "
+                   "ip -6 route add default dev rmnet_data0 metric 20") != 0 ||
         net.runInPeer("ip addr add 10.77.1.1 peer 10.77.1.2 dev wlan0-net && "
-                      "ip addr add 10.77.2.1 peer 10.77.2.2 dev rmnet0-net && ip addr add " +
+                      "ip addr add 10.77.2.1 peer 10.77.2.2 dev rmnet0-net && "
+                      "ip addr add fd00:1::1 peer fd00:1::2 dev wlan0-net nodad && "
+                      "ip addr add fd00:2::1 peer fd00:2::2 dev rmnet0-net nodad && "
+                      "ip addr add fd99::1 dev lo && ip addr add " +
                       serverAddr + " dev lo") != 0) {
         *why = "cannot configure the emulated links";
         return false;
     }
 
+    // On every address of the peer, of both families: serverAddr, the IPv6 server fd99::1, ...
     responder_ = spawn("nsenter --net=" + net.peerPath() + " " + kTools +
-                       "rtt-responder --address " + serverAddr + " --port " + std::to_string(port));
+                       "rtt-responder --address :: --port " + std::to_string(port));
     // Serving once a connection made inside the peer succeeds.
     sockaddr_in sa = {AF_INET, htons(static_cast<uint16_t>(port)), {}, {}};
     auto serving = [&] {

@@ -1,12 +1,13 @@
 // Emulated Wi-Fi and cellular links with a probe server behind them.
 //
 // Runs tools/link-emulator between the test's (private) namespace and the peer of a Netns:
-//     wlan0        10.77.1.2 peer 10.77.1.1   <->  wlan0-net   in the peer
-//     rmnet_data0  10.77.2.2 peer 10.77.2.1   <->  rmnet0-net  in the peer
-// with "default dev wlan0 metric 10" and "default dev rmnet_data0 metric 20" here, so a socket
+//     wlan0        10.77.1.2 peer 10.77.1.1, fd00:1::2 peer fd00:1::1  <->  wlan0-net   in the peer
+//     rmnet_data0  10.77.2.2 peer 10.77.2.1, fd00:2::2 peer fd00:2::1  <->  rmnet0-net  in the peer
+// with "default dev wlan0 metric 10" and "default dev rmnet_data0 metric 20" here, in both
+// families, so a socket
 // bound to either device (SO_BINDTODEVICE) leaves through it, and tools/rtt-responder listening
-// on serverAddr:port in the peer (serverAddr on the peer's lo). A link's delay is added to its
-// round-trip time; it can be changed while the test runs.
+// on port `port` of every address in the peer (serverAddr and fd99::1 on the peer's lo). A link's
+// delay is added to its round-trip time; it can be changed while the test runs.
 //
 //     if (!Netns::enterPrivate(&why)) GTEST_SKIP() << why;
 //     Netns net;

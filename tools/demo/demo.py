@@ -8,7 +8,7 @@
   demo.py web UID SERVER PORT LINKS SECONDS   short page loads under UID, counted per link
 
 LINKS names the device's links by the address the servers see, e.g.
-10.77.1.2=wlan0,10.77.2.2=rmnet_data0 (the daemon masquerades steered traffic, so the server side
+10.77.1.2=wlan0,10.77.2.2=rmnet_data0,fd00:1::2=wlan0 (ADDRESS and SERVER may be IPv6; the daemon masquerades steered traffic, so the server side
 is where a connection's link shows). Lines printed carry the seconds since $DEMO_T0.
 """
 import collections
@@ -60,6 +60,11 @@ def relay(daemon_path, relay_path):
 class Server(socketserver.ThreadingTCPServer):
     allow_reuse_address = True
     daemon_threads = True
+
+    def __init__(self, address, handler):
+        if ":" in address[0]:
+            self.address_family = socket.AF_INET6
+        super().__init__(address, handler)
 
     def handle_error(self, request, client_address):
         pass  # resets are part of the show
@@ -137,7 +142,8 @@ def web(server, port, links, seconds, workers=6):
 
     def shares(c):
         n = sum(c.values()) or 1
-        return ", ".join(f"{c[l]} over {l} ({100 * c[l] // n}%)" for l in links.values())
+        names = dict.fromkeys(links.values())  # each link once, in order
+        return ", ".join(f"{c[l]} over {l} ({100 * c[l] // n}%)" for l in names)
 
     for _ in range(workers):
         threading.Thread(target=browse, daemon=True).start()
