@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs what building, running and testing mlbd on a Debian host needs.
 #   --aarch64   also the cross build for 64-bit Arm: Debian's cross compiler, the arm64 multiarch
-#               packages of liblog, libbase and gtest (the arm64 architecture is added to dpkg),
-#               and qemu-user to run the unit tests. Fails if the apt sources do not serve arm64.
+#               packages of liblog, libbase, gtest and jsoncpp (the arm64 architecture is added to
+#               dpkg), and qemu-user to run the unit tests. Fails if the apt sources do not serve
+#               arm64.
 set -euo pipefail
 pkgs=(build-essential cmake ninja-build clang libgtest-dev libgmock-dev libbenchmark-dev
       android-liblog-dev android-libbase-dev libjsoncpp-dev iptables iproute2 util-linux procps
@@ -11,7 +12,8 @@ aarch64=0
 [ "${1:-}" = "--aarch64" ] && aarch64=1
 if [ "$aarch64" -eq 1 ]; then
     pkgs+=(g++-aarch64-linux-gnu binutils-aarch64-linux-gnu qemu-user libc6:arm64 libstdc++6:arm64
-           android-liblog-dev:arm64 android-libbase-dev:arm64 libgtest-dev:arm64)
+           android-liblog-dev:arm64 android-libbase-dev:arm64 libgtest-dev:arm64
+           libjsoncpp-dev:arm64)
 fi
 SUDO=""
 [ "$(id -u)" -eq 0 ] || SUDO="sudo"

@@ -24,6 +24,7 @@
 #include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <json/json.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -955,92 +956,82 @@ std::string renderText(const Status& status) {
     return out;
 }
 
-std::string jsonString(const std::string& text) {
-    std::string out = "\"";
-    for (char c : text) {
-        const unsigned char u = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (c == '\n') {
-            out += "\\n";
-        } else if (c == '\t') {
-            out += "\\t";
-        } else if (u < 0x20 || u == 0x7f) {
-            char buffer[8];
-            snprintf(buffer, sizeof(buffer), "\\u%04x", u);
-            out += buffer;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
+Json::Value jsonStrings(const std::vector<std::string>& items) {
+    Json::Value out(Json::arrayValue);
+    for (const std::string& item : items) out.append(item);
+    return out;
 }
 
-std::string jsonStrings(const std::vector<std::string>& items) {
-    std::vector<std::string> quoted;
-    for (const std::string& item : items) quoted.push_back(jsonString(item));
-    return "[" + join(quoted, ", ") + "]";
+// A number, or null where it is not finite.
+Json::Value jsonNumber(double value) {
+    return std::isfinite(value) ? Json::Value(value) : Json::Value();
 }
 
-std::string jsonNumber(double value) {
-    return std::isfinite(value) ? fixed(value, 6) : "null";
+Json::Value jsonTextOrNull(bool present, const std::string& text) {
+    return present ? Json::Value(text) : Json::Value();
 }
 
-// The links as JSON objects, comma-separated.
-std::string jsonLinks(const Status& status) {
-    std::string out;
-    for (size_t i = 0; i < status.links.size(); ++i) {
-        const Link& link = status.links[i];
-        std::vector<std::string> splits;
+Json::Value jsonLinks(const Status& status) {
+    Json::Value out(Json::arrayValue);
+    for (const Link& link : status.links) {
+        Json::Value splits(Json::arrayValue);
         for (const Split& split : link.splits) {
-            splits.push_back("{\"chain\": " + jsonString(split.chain) +
-                             ", \"probability\": " + jsonNumber(split.probability) +
-                             ", \"share\": " + jsonNumber(split.share) +
-                             ", \"whitelisted_only\": " + (split.viaWrapper ? "true" : "false") +
-                             "}");
+            Json::Value entry;
+            entry["chain"] = split.chain;
+            entry["probability"] = jsonNumber(split.probability);
+            entry["share"] = jsonNumber(split.share);
+            entry["whitelisted_only"] = split.viaWrapper;
+            splits.append(entry);
         }
-        out += std::string(i ? ", " : "") + "{\"name\": " + jsonString(link.name);
-        out += ", \"mark\": " + (link.mark.valid ? jsonString(link.mark.text()) : "null");
-        out += ", \"mark_decimal\": " +
-               (link.mark.valid ? std::to_string(link.mark.value) : std::string("null"));
-        std::vector<std::string> tables;
+        Json::Value tables(Json::arrayValue);
         for (const auto& table : link.tables) {
-            tables.push_back("{\"table\": " + jsonString(table.first) + ", \"name\": " +
-                             (table.second.empty() ? "null" : jsonString(table.second)) + "}");
+            Json::Value entry;
+            entry["table"] = table.first;
+            entry["name"] = jsonTextOrNull(!table.second.empty(), table.second);
+            tables.append(entry);
         }
-        out += ", \"route_tables\": [" + join(tables, ", ") + "]";
-        out += ", \"split\": [" + join(splits, ", ") + "]";
-        out += ", \"share\": " + (link.splits.empty() ? "null" : jsonNumber(link.share()));
-        out += ", \"gaming\": " + std::string(link.gaming ? "true" : "false");
-        out += ", \"whitelist_chain\": " +
-               (link.wrapper ? jsonString(link.wrapperChain()) : "null");
-        out += ", \"whitelist_uids\": " + jsonStrings(link.wrapperUids);
-        out += ", \"gaming_uids\": " + jsonStrings(link.gamingUids);
-        out += ", \"connections\": " +
-               (link.connections < 0 ? std::string("null") : std::to_string(link.connections));
-        out += "}";
+        Json::Value entry;
+        entry["name"] = link.name;
+        entry["mark"] = jsonTextOrNull(link.mark.valid, link.mark.valid ? link.mark.text() : "");
+        entry["mark_decimal"] = link.mark.valid ? Json::Value(link.mark.value) : Json::Value();
+        entry["route_tables"] = tables;
+        entry["split"] = splits;
+        entry["share"] = link.splits.empty() ? Json::Value() : jsonNumber(link.share());
+        entry["gaming"] = link.gaming;
+        entry["whitelist_chain"] =
+                jsonTextOrNull(link.wrapper, link.wrapper ? link.wrapperChain() : "");
+        entry["whitelist_uids"] = jsonStrings(link.wrapperUids);
+        entry["gaming_uids"] = jsonStrings(link.gamingUids);
+        entry["connections"] = link.connections < 0
+                                       ? Json::Value()
+                                       : Json::Value(static_cast<Json::Int64>(link.connections));
+        out.append(entry);
     }
     return out;
 }
 
 std::string renderJson(const Status& status) {
-    std::string out = "{\"present\": " + std::string(status.present ? "true" : "false");
-    out += ", \"links\": [" + jsonLinks(status);
-    out += "], \"unsplit_share\": " + (status.anySplit ? jsonNumber(status.unsplit) : "null");
-    out += ", \"gaming_link\": " +
-           (status.gamingLink.empty() ? std::string("null") : jsonString(status.gamingLink));
-    out += ", \"steered_uids\": " + jsonStrings(status.steeredUids);
-    out += ", \"conntrack_entries\": " + (status.conntrackReadable
-                                                  ? std::to_string(status.conntrackEntries)
-                                                  : std::string("null"));
-    out += ", \"ipv6\": " + jsonString(status.ipv6);
+    Json::Value out;
+    out["present"] = status.present;
+    out["links"] = jsonLinks(status);
+    out["unsplit_share"] = status.anySplit ? jsonNumber(status.unsplit) : Json::Value();
+    out["gaming_link"] = jsonTextOrNull(!status.gamingLink.empty(), status.gamingLink);
+    out["steered_uids"] = jsonStrings(status.steeredUids);
+    out["conntrack_entries"] =
+            status.conntrackReadable
+                    ? Json::Value(static_cast<Json::Int64>(status.conntrackEntries))
+                    : Json::Value();
+    out["ipv6"] = status.ipv6;
     if (status.ipv6Status && status.ipv6Status->present) {
-        out += ", \"ipv6_links\": [" + jsonLinks(*status.ipv6Status) + "]";
+        out["ipv6_links"] = jsonLinks(*status.ipv6Status);
     }
-    out += ", \"healthy\": " + std::string(status.problems.empty() ? "true" : "false");
-    out += ", \"problems\": " + jsonStrings(status.problems) + "}\n";
-    return out;
+    out["healthy"] = status.problems.empty();
+    out["problems"] = jsonStrings(status.problems);
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "  ";
+    writer["precision"] = 6;
+    writer["precisionType"] = "decimal";
+    return Json::writeString(writer, out) + "\n";
 }
 
 }  // namespace
