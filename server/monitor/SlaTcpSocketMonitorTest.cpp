@@ -74,7 +74,7 @@ TEST(SlaTcpSocketMonitorTest, CraftedEntriesAndChecks) {
     const bool probe[] = {0, 0, 0, 0, 0, 1, 0, 1, 1, 0, 0, 0, 1, 0, 0, 1, 0, 0};
     for (int i = 0; i < 18; i++) {
         const uint32_t recv = i < 5 ? 5 : i, ack = i ? 1000 * i - 1 : 0;
-        SlaTcpSocketMonitor::SlsSocket s = {0, recv, {}, 0, 0, 20999, seq[i] * 100, ack, {}};
+        SlaTcpSocketMonitor::SlsSocket s = {0, recv, {}, 0, 0, 20999, seq[i] * 100, ack, 0, {}};
         params->wifiRttPenaltyMs = penalty[i];
         params->setVoipRunning(i != 16);
         SmartLinkSelection::instance()->wifiChosen = i != 17;
