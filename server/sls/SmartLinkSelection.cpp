@@ -316,7 +316,7 @@ const char* SmartLinkSelection::calcInterface() {
         // Failures are logged by the rule code; the applications reconnect over the new link.
         rules->set_SLS_interface(nameOf(current));
         wifiChosen = startsWith(current->name, "wlan");
-        chosenRecord_ = current.get();
+        chosenRecord = current.get();
         // With the game-following keys set, the first choice of the link that already carries
         // the game (the default route's) moves nothing, so its connections are left alone.
         if (!prev && current.get() == defaultRecord_ &&
@@ -361,7 +361,7 @@ constexpr int64_t kFailbackWindowMs = 6000;
 }  // namespace
 
 InterfaceRtt* SmartLinkSelection::gameLinkRecord() const {
-    InterfaceRtt* rec = chosenRecord_;
+    InterfaceRtt* rec = chosenRecord;
     return rec != nullptr ? rec : defaultRecord_;
 }
 
@@ -390,8 +390,7 @@ void SmartLinkSelection::checkFailback() {
         failbackGood = false;
         failbackWindowStart = now;
         threadResume();
-        LOGD("%s SLA_RTT failback: probing while on metered %s", "checkFailback",
-             nameOf(current));
+        LOGD("%s SLA_RTT failback: probing while on metered %s", "checkFailback", nameOf(current));
         return;
     }
     // Clearly better: the best unmetered link below the entry threshold, with no missed probe,
@@ -403,8 +402,8 @@ void SmartLinkSelection::checkFailback() {
         if (!isUnmeteredLink(*rec) || rec->speed < 1 || rec->stalled) continue;
         if (!best || rec->speed <= best->speed) best = rec;
     }
-    const bool good = best && best->speed < params->rtt_entry_threshold &&
-                      best->getMissCount() == 0;
+    const bool good =
+            best && best->speed < params->rtt_entry_threshold && best->getMissCount() == 0;
     bool done = false;
     if (!good) {
         failbackGood = false;

@@ -80,6 +80,8 @@ class SmartLinkSelection {
     // while none is chosen (null if neither). Read by the socket monitor's thread; the records
     // live as long as the instance.
     InterfaceRtt* gameLinkRecord() const;
+    // The chosen link's record, written at each switch (null before the first).
+    mlbd::Relaxed<InterfaceRtt*> chosenRecord{nullptr};
     // Main loop only: the return to an unmetered link. Armed while the choice sits on a metered
     // link; a probe window opens every failback_interval_s seconds.
     void checkFailback();
@@ -94,7 +96,6 @@ class SmartLinkSelection {
 
   private:
     void initPingThreads();
-    mlbd::Relaxed<InterfaceRtt*> chosenRecord_{nullptr};
     InterfaceRtt* defaultRecord_ = nullptr;
     Clock clock_;
 };
