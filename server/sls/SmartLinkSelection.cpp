@@ -9,6 +9,7 @@
 #include <string.h>
 #include <time.h>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 
@@ -375,7 +376,15 @@ void SmartLinkSelection::checkFailback() {
         return;
     }
     const struct timeval now = clock_();
-    const int64_t intervalMs = static_cast<int64_t>(params->failback_interval_s.load()) * 1000;
+    if (!failbackArmed) {
+        // A return that the link undid within a minute doubles the interval (up to 8 times);
+        // a return that held resets it.
+        const bool undone = failbackReturned && msBetween(failbackReturnAt, now) < 60000;
+        failbackBackoff = undone ? std::min(failbackBackoff * 2, 8) : 1;
+        failbackReturned = false;
+    }
+    const int64_t intervalMs =
+            static_cast<int64_t>(params->failback_interval_s.load()) * 1000 * failbackBackoff;
     if (!failbackArmed) {
         // The first window opens one interval after the game came onto the metered link.
         failbackArmed = true;
@@ -415,11 +424,18 @@ void SmartLinkSelection::checkFailback() {
         LOGE("%s SLA_RTT failback: %s below entry for %d ms", "checkFailback", nameOf(best),
              static_cast<int>(msBetween(failbackGoodSince, now)));
         calcInterface();
+        if (current && isUnmeteredLink(*current)) {
+            failbackReturned = true;
+            failbackReturnAt = now;
+        }
         done = true;
     }
     if (!done) return;
+    // Windows open every interval, counted from the start of the last one. (After a return the
+    // choice is unmetered and the next check disarms.)
     failbackProbing = false;
-    failbackArmed = false;
+    failbackNext = failbackWindowStart;
+    failbackNext.tv_sec += static_cast<time_t>(intervalMs / 1000);
     if (!params->isServiceHighRtt() && !params->isVoipRunning()) threadStop();
 }
 

@@ -91,6 +91,9 @@ class SmartLinkSelection {
     struct timeval failbackNext = {};
     struct timeval failbackWindowStart = {};
     struct timeval failbackGoodSince = {};
+    bool failbackReturned = false;
+    struct timeval failbackReturnAt = {};
+    int failbackBackoff = 1;
 
     SmartLinkSelection();
 

@@ -258,10 +258,12 @@ TEST_F(SlsTest, FailbackToUnmeteredLink) {
         {10, 212, 100, true, "rmnet_data0"}, {10, 213, 40, true, "rmnet_data0"},
         {10, 215, 40, true, "rmnet_data0"}, {10, 216, 40, false, "wlan0"},
         // Back on Wi-Fi nothing is probed; a later move to cellular arms it again, and a window
-        // in which Wi-Fi stays above the entry threshold closes after 6 s without a return.
+        // in which Wi-Fi stays above the entry threshold closes after 6 s without a return;
+        // the next one opens 10 s after that window's start.
         {10, 300, 40, false, "wlan0"}, {10, 301, 100, false, "rmnet_data0"},
         {10, 311, 100, true, "rmnet_data0"}, {10, 316, 100, true, "rmnet_data0"},
-        {10, 317, 100, false, "rmnet_data0"},
+        {10, 317, 100, false, "rmnet_data0"}, {10, 320, 100, false, "rmnet_data0"},
+        {10, 321, 100, true, "rmnet_data0"},  // every 10 s from the last window's start
     };
     // clang-format on
     params_->setGamingUids("4000000000");
