@@ -116,8 +116,8 @@ TEST(SlaTcpSocketMonitorTest, CraftedEntriesAndChecks) {
 }
 
 // stall_leave_ms: an established connection with data in flight and no ACK for that long counts
-// the game's link (the chosen one) as failed and starts probing, once
-// per stall; its next good probe makes the link usable again.
+// the game's link (the chosen one) as failed and starts probing, once per stall; its next good
+// probe makes the link usable again.
 TEST(SlaTcpSocketMonitorTest, StallLeave) {
     gameSetup();
     TestMonitor m;
