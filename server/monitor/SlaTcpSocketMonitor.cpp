@@ -190,6 +190,7 @@ void SlaTcpSocketMonitor::updateSocketStats(Clock::time_point now, const inet_di
     entry.rtt = statistic(info, len, offsetof(tcp_info_ext, tcpi_rtt));
     entry.seq_rtt = statistic(info, len, offsetof(tcp_info_ext, tcpi_rcv_ooopack));
     entry.last_ack_recv_time = statistic(info, len, offsetof(tcp_info_ext, tcpi_last_ack_recv));
+    entry.unacked = statistic(info, len, offsetof(tcp_info_ext, tcpi_unacked));
     entry.update_time = now;
     LOGD("map server is %s , port is %d,total sent_cnt %d", entry.server,
          static_cast<int>(entry.port), static_cast<int>(entry.sent_cnt));
@@ -229,6 +230,7 @@ void SlaTcpSocketMonitor::checkGamingServerConnectStatus(SlsSocket* sock) {
         params_->setGamingConnectStatus(true);
         staleCount = 0;
     }
+    checkStallLeave(sock, sameRecv);
     prevRecvCnt = sock->recv_cnt;
     prevLastAckRecvTime = sock->last_ack_recv_time;
     prevRttMs = rttMs;
@@ -245,6 +247,37 @@ void SlaTcpSocketMonitor::checkGamingServerConnectStatus(SlsSocket* sock) {
     LOGD("checkGamingServerConnectStatus prev_recv_cnt %d,last_ack_recv_time %d,prev_seq_rtt %d",
          static_cast<int>(sock->recv_cnt), static_cast<int>(sock->last_ack_recv_time),
          static_cast<int>(seq));
+}
+
+void SlaTcpSocketMonitor::checkStallLeave(const SlsSocket* sock, bool sameRecv) {
+    const int32_t limitMs = params_->stall_leave_ms;
+    if (limitMs <= 0) return;
+    // An established connection (it has received something) with data in flight and no ACK
+    // for limitMs: its link carries nothing now. Reported once per stall.
+    const bool stalled = sameRecv && sock->recv_cnt > 0 && sock->unacked > 0 &&
+                         sock->last_ack_recv_time >= static_cast<uint32_t>(limitMs);
+    if (!stalled) {
+        stallLeaveReported = false;
+        return;
+    }
+    if (stallLeaveReported) {
+        params_->setGamingConnectStatus(false);
+        return;
+    }
+    stallLeaveReported = true;
+    std::shared_ptr<SmartLinkSelection> sls = SmartLinkSelection::instance();
+    // The link that carries the game counts as failed for the choice until its next good probe.
+    InterfaceRtt* rec = sls->gameLinkRecord();
+    if (rec != nullptr) rec->stalled = true;
+    sls->threadResume();
+    // The choice runs from the next main-loop cycle; the connection's RTT, unchanged while it
+    // is stalled, must not stop the probes again until the connection moves.
+    params_->setServiceHighRtt(true);
+    params_->setGamingConnectStatus(false);
+    staleCount = 0;
+    LOGD("checkStallLeave no ACK for %d ms with %d in flight: %s counted as failed, probing",
+         static_cast<int>(sock->last_ack_recv_time), static_cast<int>(sock->unacked),
+         rec != nullptr ? rec->name.c_str() : "no link");
 }
 
 void SlaTcpSocketMonitor::checkGamingServerRtt(SlsSocket* sock) {

@@ -45,6 +45,7 @@ class SlaTcpSocketMonitor {
         uint32_t rtt;                   // tcpi_rtt, microseconds
         uint32_t seq_rtt;               // tcpi_rcv_ooopack, logged as tcp_seq_rtt
         uint32_t last_ack_recv_time;    // tcpi_last_ack_recv, milliseconds since the last ACK
+        uint32_t unacked;               // tcpi_unacked, segments in flight
         Clock::time_point update_time;  // the dump that last refreshed the entry
     };
 
@@ -81,6 +82,8 @@ class SlaTcpSocketMonitor {
     void checkGamingServerConnectStatus(SlsSocket* sock);
     // RTT-based start and stop of probing. Called with the lock held.
     void checkGamingServerRtt(SlsSocket* sock);
+    // stall_leave_ms: a stalled connection counts its link as failed. Called with the lock held.
+    void checkStallLeave(const SlsSocket* sock, bool sameRecv);
 
     // A copy of the map, keyed by destination port.
     std::unordered_map<uint64_t, SlsSocket> getSockets() const;
@@ -103,6 +106,8 @@ class SlaTcpSocketMonitor {
     uint32_t prevLastAckRecvTime = 0;
     uint32_t staleCount = 0;
     uint32_t prevRttMs = 0;
+    // stall_leave_ms: the current stall has been reported to the choice.
+    bool stallLeaveReported = false;
     Parameters* const params_;
     const DumpSource source_;
 };

@@ -74,7 +74,7 @@ TEST(SlaTcpSocketMonitorTest, CraftedEntriesAndChecks) {
     const bool probe[] = {0, 0, 0, 0, 0, 1, 0, 1, 1, 0, 0, 0, 1, 0, 0, 1, 0, 0};
     for (int i = 0; i < 18; i++) {
         const uint32_t recv = i < 5 ? 5 : i, ack = i ? 1000 * i - 1 : 0;
-        SlaTcpSocketMonitor::SlsSocket s = {0, recv, {}, 0, 0, 20999, seq[i] * 100, ack, {}};
+        SlaTcpSocketMonitor::SlsSocket s = {0, recv, {}, 0, 0, 20999, seq[i] * 100, ack, 0, {}};
         params->wifiRttPenaltyMs = penalty[i];
         params->setVoipRunning(i != 16);
         SmartLinkSelection::instance()->wifiChosen = i != 17;
@@ -113,6 +113,42 @@ TEST(SlaTcpSocketMonitorTest, CraftedEntriesAndChecks) {
         m.locked([&, n = len] { m.updateSocketStats({}, &msg, n ? &info : nullptr, n); });
         EXPECT_EQ(render(m), std::set<std::string>{entry}) << dst << ":" << port << " len " << len;
     }
+}
+
+// stall_leave_ms: an established connection with data in flight and no ACK for that long counts
+// the game's link (the chosen one) as failed and starts probing, once per stall; its next good
+// probe makes the link usable again.
+TEST(SlaTcpSocketMonitorTest, StallLeave) {
+    gameSetup();
+    TestMonitor m;
+    SmartLinkSelection::instance()->chosenRecord = record.get();
+    InterfaceRtt* link = SmartLinkSelection::instance()->gameLinkRecord();
+    ASSERT_EQ(record.get(), link);
+    // Key, received segments, ms since the last ACK, in flight: failed and probing after it.
+    const std::tuple<int32_t, uint32_t, uint32_t, uint32_t, bool> rows[] = {
+            {0, 5, 5000, 1, false},      // no key
+            {2000, 0, 90000, 1, false},  // still connecting
+            {2000, 5, 500, 1, false},   {2000, 5, 1999, 1, false},
+            {2000, 5, 2100, 0, false},  // nothing outstanding
+            {2000, 5, 2100, 1, true},   {2000, 5, 3100, 1, true},
+    };
+    for (const auto& [key, recv, ack, unacked, stalled] : rows) {
+        params->stall_leave_ms = key;
+        SlaTcpSocketMonitor::SlsSocket s = {9, recv, {}, 0, 0, 20000, 0, ack, unacked, {}};
+        m.locked([&] { m.checkGamingServerConnectStatus(&s); });
+        EXPECT_EQ(stalled, static_cast<bool>(link->stalled)) << ack;
+        EXPECT_EQ(stalled, record->running && params->isServiceHighRtt()) << ack;
+        // While stalled the connect status stays clear, so the connection's unchanged RTT
+        // cannot stop the probes.
+        EXPECT_EQ(!stalled, params->isGamingConnectStatus()) << ack;
+    }
+    link->setSpeed(-1);
+    EXPECT_TRUE(link->stalled);
+    link->setSpeed(25);
+    EXPECT_FALSE(link->stalled);
+    params->stall_leave_ms = 0;
+    params->setServiceHighRtt(false);
+    record->running = false;
 }
 
 TEST(SlaTcpSocketMonitorTest, KernelGameConnectionsSelectionAgeingAndStall) {

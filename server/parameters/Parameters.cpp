@@ -119,6 +119,9 @@ const ConfKey kConfKeys[] = {
         // Dual-stack steering.
         intKey("ipv6", &Parameters::ipv6),
         textKey("rtt_server6", &Parameters::rttServer6),
+        // Selection that follows the game.
+        intKey("failback_interval_s", &Parameters::failback_interval_s),
+        intKey("stall_leave_ms", &Parameters::stall_leave_ms),
 };
 
 }  // namespace
@@ -184,6 +187,8 @@ void Parameters::reset() {
 
     ipv6 = 0;
     rttServer6.clear();
+    failback_interval_s = 0;
+    stall_leave_ms = 0;
     readMlbdConfFile(mlbd::devicePath(MLBD_CONF_PATH).c_str());
     rttServerDefault = getGamingRttServer();
     in6_addr parsed;

@@ -203,6 +203,14 @@ class Parameters {
     std::string rttServerDefault;
     bool isIpv6Enabled() const { return ipv6 != 0; }
 
+    // Selection that follows the game (0 or absent: off). "failback_interval_s": while the game
+    // sits on a metered link and an unmetered one is managed, probe every that many seconds and
+    // return once the unmetered link has stayed below the entry threshold for a while.
+    // "stall_leave_ms": the game's own connection without an ACK for that long while data is
+    // outstanding counts its link as failed at once and probes the others.
+    mlbd::Relaxed<int32_t> failback_interval_s = 0;
+    mlbd::Relaxed<int32_t> stall_leave_ms = 0;
+
   private:
     friend struct ParametersTestPeer;
     std::string* interfaceString(int index);

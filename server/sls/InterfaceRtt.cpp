@@ -35,6 +35,7 @@ int InterfaceRtt::setSpeed(int raw) {
     const uint32_t alpha = static_cast<uint32_t>(params->alpha_percent.load());
     const char* iface = name.c_str();
     std::lock_guard<std::mutex> lock(historyMutex_);
+    if (raw != -1) stalled = false;
 
     // A record made with min_ping_times 1 takes every result as it comes.
     if (minPingTimes == 1) {

@@ -56,6 +56,9 @@ class InterfaceRtt {
     mlbd::Relaxed<bool> running{true};
     // The probe thread is to keep running.
     mlbd::Relaxed<bool> alive{false};
+    // The game's own connection over this link stalled (stall_leave_ms): the choice treats the
+    // link as failed until its next good probe.
+    mlbd::Relaxed<bool> stalled{false};
 
   private:
     mutable std::mutex historyMutex_;

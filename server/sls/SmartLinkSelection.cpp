@@ -9,6 +9,7 @@
 #include <string.h>
 #include <time.h>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 
@@ -87,6 +88,7 @@ void SmartLinkSelection::initPingThreads() {
                 entry.first, server, static_cast<uint32_t>(params->min_ping_times.load()),
                 static_cast<uint32_t>(params->ping_interval_ms.load()),
                 static_cast<uint32_t>(params->rtt_noresponse_timeout_ms.load()));
+        if (entry.second->isDefault) defaultRecord_ = rttMap[entry.first].get();
     }
     switchCount = 0;
 }
@@ -198,7 +200,7 @@ std::shared_ptr<InterfaceRtt> SmartLinkSelection::getFastestInterface(
     for (const auto& entry : rttMap) {
         const std::shared_ptr<InterfaceRtt>& rec = entry.second;
         const int32_t speed = rec->speed;
-        if (speed < 1) continue;  // failed or not measured yet
+        if (speed < 1 || rec->stalled) continue;  // failed or not measured yet
         // Less-or-equal: among equal speeds the later name wins.
         if (isUnmeteredLink(*rec)) {
             if (!*unmetered || speed <= bestUnmetered) {
@@ -259,7 +261,7 @@ const char* SmartLinkSelection::calcInterface() {
         LOGE("%s SLA_RTT Fastest Interface returned NULL", kFn);
         return nullptr;
     }
-    const int32_t c = current ? current->speed.load() : -1;
+    const int32_t c = current && !current->stalled ? current->speed.load() : -1;
 
     // Case 0: an acceptable, unmetered Wi-Fi link is kept without further ado.
     if (current && c <= exit && !current->isMetered() && startsWith(current->name, "wlan") &&
@@ -315,6 +317,15 @@ const char* SmartLinkSelection::calcInterface() {
         // Failures are logged by the rule code; the applications reconnect over the new link.
         rules->set_SLS_interface(nameOf(current));
         wifiChosen = startsWith(current->name, "wlan");
+        chosenRecord = current.get();
+        // With the game-following keys set, the first choice of the link that already carries
+        // the game (the default route's) moves nothing, so its connections are left alone.
+        if (!prev && current.get() == defaultRecord_ &&
+            (params->failback_interval_s > 0 || params->stall_leave_ms > 0)) {
+            LOGE("%s SLA_RTT_SELECTED %s already carries the game: no socket reset", kFn,
+                 nameOf(current));
+            return nameOf(current);
+        }
         SocketKiller killer = sSocketKiller.load(std::memory_order_relaxed);
         if (killer == nullptr) killer = &android::net::killSocketsForUID;
         for (const std::string& uid : params->getGamingUidList()) killer(uid.c_str());
@@ -327,9 +338,105 @@ void SmartLinkSelection::slsChooseInterface() {
     if (!sls) return;
     Parameters* params = Parameters::instance();
     if (params->isServiceHighRtt() || params->isVoipRunning()) {
+        // Probing runs for its own reasons; a failback window ends without stopping it.
+        sls->failbackProbing = false;
         sls->calcInterface();
         setVoipIpAddressAndPort();
+    } else if (params->failback_interval_s > 0) {
+        sls->checkFailback();
     }
+}
+
+namespace {
+
+int64_t msBetween(const struct timeval& from, const struct timeval& to) {
+    return static_cast<int64_t>(to.tv_sec - from.tv_sec) * 1000 +
+           static_cast<int64_t>(to.tv_usec - from.tv_usec) / 1000;
+}
+
+// How long an unmetered link must stay below the entry threshold, without a missed probe,
+// before the game returns to it; and how long one probe window lasts when it does not.
+constexpr int64_t kFailbackSustainMs = 3000;
+constexpr int64_t kFailbackWindowMs = 6000;
+
+}  // namespace
+
+InterfaceRtt* SmartLinkSelection::gameLinkRecord() const {
+    InterfaceRtt* rec = chosenRecord;
+    return rec != nullptr ? rec : defaultRecord_;
+}
+
+void SmartLinkSelection::checkFailback() {
+    Parameters* params = Parameters::instance();
+    bool unmeteredManaged = false;
+    for (const auto& entry : rttMap) unmeteredManaged |= isUnmeteredLink(*entry.second);
+    if (!current || isUnmeteredLink(*current) || !unmeteredManaged) {
+        failbackArmed = false;
+        failbackProbing = false;
+        return;
+    }
+    const struct timeval now = clock_();
+    if (!failbackArmed) {
+        // A return that the link undid within a minute doubles the interval (up to 8 times);
+        // a return that held resets it.
+        const bool undone = failbackReturned && msBetween(failbackReturnAt, now) < 60000;
+        failbackBackoff = undone ? std::min(failbackBackoff * 2, 8) : 1;
+        failbackReturned = false;
+    }
+    const int64_t intervalMs =
+            static_cast<int64_t>(params->failback_interval_s.load()) * 1000 * failbackBackoff;
+    if (!failbackArmed) {
+        // The first window opens one interval after the game came onto the metered link.
+        failbackArmed = true;
+        failbackProbing = false;
+        failbackNext = now;
+        failbackNext.tv_sec += static_cast<time_t>(intervalMs / 1000);
+        return;
+    }
+    if (!failbackProbing) {
+        if (msBetween(now, failbackNext) > 0) return;
+        failbackProbing = true;
+        failbackGood = false;
+        failbackWindowStart = now;
+        threadResume();
+        LOGD("%s SLA_RTT failback: probing while on metered %s", "checkFailback", nameOf(current));
+        return;
+    }
+    // Clearly better: the best unmetered link below the entry threshold, with no missed probe,
+    // for kFailbackSustainMs on end. A link that only looked good before the window (a stale
+    // speed) is measured again meanwhile, and a miss starts the count anew.
+    std::shared_ptr<InterfaceRtt> best;
+    for (const auto& entry : rttMap) {
+        const std::shared_ptr<InterfaceRtt>& rec = entry.second;
+        if (!isUnmeteredLink(*rec) || rec->speed < 1 || rec->stalled) continue;
+        if (!best || rec->speed <= best->speed) best = rec;
+    }
+    const bool good =
+            best && best->speed < params->rtt_entry_threshold && best->getMissCount() == 0;
+    bool done = false;
+    if (!good) {
+        failbackGood = false;
+        done = msBetween(failbackWindowStart, now) >= kFailbackWindowMs;
+    } else if (!failbackGood) {
+        failbackGood = true;
+        failbackGoodSince = now;
+    } else if (msBetween(failbackGoodSince, now) >= kFailbackSustainMs) {
+        LOGE("%s SLA_RTT failback: %s below entry for %d ms", "checkFailback", nameOf(best),
+             static_cast<int>(msBetween(failbackGoodSince, now)));
+        calcInterface();
+        if (current && isUnmeteredLink(*current)) {
+            failbackReturned = true;
+            failbackReturnAt = now;
+        }
+        done = true;
+    }
+    if (!done) return;
+    // Windows open every interval, counted from the start of the last one. (After a return the
+    // choice is unmetered and the next check disarms.)
+    failbackProbing = false;
+    failbackNext = failbackWindowStart;
+    failbackNext.tv_sec += static_cast<time_t>(intervalMs / 1000);
+    if (!params->isServiceHighRtt() && !params->isVoipRunning()) threadStop();
 }
 
 void SmartLinkSelection::setVoipIpAddressAndPort() {

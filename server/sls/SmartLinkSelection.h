@@ -75,10 +75,31 @@ class SmartLinkSelection {
     // went to one); read by the socket monitor's thread.
     mlbd::Relaxed<bool> wifiChosen{false};
 
+    // Selection that follows the game (failback_interval_s, stall_leave_ms; inert at 0).
+    // The record of the link that carries the game: the chosen one, or the default route's
+    // while none is chosen (null if neither). Read by the socket monitor's thread; the records
+    // live as long as the instance.
+    InterfaceRtt* gameLinkRecord() const;
+    // The chosen link's record, written at each switch (null before the first).
+    mlbd::Relaxed<InterfaceRtt*> chosenRecord{nullptr};
+    // Main loop only: the return to an unmetered link. Armed while the choice sits on a metered
+    // link; a probe window opens every failback_interval_s seconds.
+    void checkFailback();
+    bool failbackArmed = false;
+    bool failbackProbing = false;
+    bool failbackGood = false;
+    struct timeval failbackNext = {};
+    struct timeval failbackWindowStart = {};
+    struct timeval failbackGoodSince = {};
+    bool failbackReturned = false;
+    struct timeval failbackReturnAt = {};
+    int failbackBackoff = 1;
+
     SmartLinkSelection();
 
   private:
     void initPingThreads();
+    InterfaceRtt* defaultRecord_ = nullptr;
     Clock clock_;
 };
 

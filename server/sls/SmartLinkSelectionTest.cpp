@@ -236,6 +236,55 @@ TEST_F(SlsTest, VoipServerBecomesTheProbeTarget) {
     EXPECT_EQ(5060, params_->rttServerPort);
 }
 
+// The return to an unmetered link, driven through the main loop's call while the game's RTT is
+// fine (no probing of its own): without the key never; with it a probe window every interval,
+// and a return only after the Wi-Fi link stayed below the entry threshold for 3 s.
+TEST_F(SlsTest, FailbackToUnmeteredLink) {
+    struct Step {
+        int32_t intervalS;
+        long atS;
+        int32_t wlan0;        // its speed from this step on
+        bool probing;         // the probes run after the step
+        const char* current;  // the choice after the step
+    };
+    // clang-format off
+    const Step steps[] = {
+        // Without the key: no probe, no return, however good Wi-Fi is.
+        {0, 0, 40, false, "rmnet_data0"}, {0, 30, 40, false, "rmnet_data0"},
+        {0, 100, 40, false, "rmnet_data0"},
+        // Every 10 s a window; Wi-Fi must stay under 90 ms for 3 s: a dip to 100 starts anew.
+        {10, 200, 40, false, "rmnet_data0"}, {10, 209, 40, false, "rmnet_data0"},
+        {10, 210, 40, true, "rmnet_data0"}, {10, 211, 40, true, "rmnet_data0"},
+        {10, 212, 100, true, "rmnet_data0"}, {10, 213, 40, true, "rmnet_data0"},
+        {10, 215, 40, true, "rmnet_data0"}, {10, 216, 40, false, "wlan0"},
+        // Back on Wi-Fi nothing is probed; a later move to cellular arms it again, and a window
+        // in which Wi-Fi stays above the entry threshold closes after 6 s without a return;
+        // the next one opens 10 s after that window's start.
+        {10, 300, 40, false, "wlan0"}, {10, 301, 100, false, "rmnet_data0"},
+        {10, 311, 100, true, "rmnet_data0"}, {10, 316, 100, true, "rmnet_data0"},
+        {10, 317, 100, false, "rmnet_data0"}, {10, 320, 100, false, "rmnet_data0"},
+        {10, 321, 100, true, "rmnet_data0"},  // every 10 s from the last window's start
+    };
+    // clang-format on
+    params_->setGamingUids("4000000000");
+    params_->populateGamingUids();
+    params_->setServiceHighRtt(false);
+    rec("rmnet_data0")->speed = 60;
+    sls_->current = rec("rmnet_data0");
+    sls_->threadStop();
+    const struct timeval base = gNow;
+    for (const Step& s : steps) {
+        params_->failback_interval_s = s.intervalS;
+        rec("wlan0")->speed = s.wlan0;
+        if (s.atS == 301) sls_->current = rec("rmnet_data0");  // as if Wi-Fi had been left
+        gNow = {base.tv_sec + s.atS, 0};
+        SmartLinkSelection::slsChooseInterface();
+        EXPECT_EQ(s.probing, static_cast<bool>(rec("wlan0")->running)) << s.atS;
+        EXPECT_EQ(s.current, sls_->current->name) << s.atS;
+    }
+    params_->failback_interval_s = 0;
+}
+
 // Once the rules are torn down, a switch neither moves the choice nor resets any socket. (Last:
 // the teardown is for the life of the process.)
 TEST_F(SlsTest, NoSwitchOnceTheRulesAreGone) {

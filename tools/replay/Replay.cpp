@@ -123,6 +123,7 @@ struct GameConn {
     int64_t lastAckUs = 0;
     uint64_t seq = 0;
     bool waiting = false;
+    bool inFlight = false;  // a request sent and not yet answered
 };
 
 class Sim;
@@ -308,6 +309,7 @@ int Sim::dump(const android::net::SockDiag::TcpInfoReader& reader) {
         info.tcpi_segs_in = conn_.segsIn;
         info.tcpi_rtt = conn_.srtt8 >> 3;
         info.tcpi_last_ack_recv = static_cast<uint32_t>((gNowUs - conn_.lastAckUs) / kMs);
+        info.tcpi_unacked = conn_.inFlight ? 1 : 0;
     } else {
         uint32_t syns = 0;
         for (int64_t s : conn_.synTimes) syns += s <= gNowUs ? 1 : 0;
@@ -408,6 +410,7 @@ void Sim::gameDrop(bool reconnect) {
 void Sim::gameSend(int64_t attempt) {
     const TraceLink* l = link(conn_.link);
     conn_.segsOut++;
+    conn_.inFlight = true;
     const int64_t r = rttUs(l, gNowUs);
     const int64_t rto =
             std::min<int64_t>(retransmitTimeoutUs(conn_.srtt8, conn_.mdev) << attempt, kRtoMaxUs);
@@ -608,6 +611,7 @@ void Sim::handle(const Event& e) {
         case kGameAnswer:
             if (e.gen != conn_.gen || !conn_.alive || e.seq != conn_.seq || !conn_.waiting) break;
             conn_.waiting = false;
+            conn_.inFlight = false;
             conn_.segsIn++;
             conn_.segsOut++;  // its ACK
             conn_.lastAckUs = gNowUs;

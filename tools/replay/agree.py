@@ -116,6 +116,8 @@ def one(replay, trace, dir_):
             "--log", os.path.join(dir_, "replay.log"), shifted]
     if phase >= 0:
         args[1:1] = ["--loop-phase", str(phase)]
+    if os.environ.get("AGREE_CONF"):
+        args[1:1] = ["--config", os.environ["AGREE_CONF"]]
     summary = json.loads(subprocess.run(args, check=True, capture_output=True, text=True).stdout)
     rep = [(s["t_s"] if isinstance(s["t_s"], float) else float(s["t_s"]), s["to"])
            for s in summary["switch_list"]]

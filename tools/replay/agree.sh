@@ -3,6 +3,9 @@
 #
 #   tools/replay/agree.sh [SCENARIO.trace...]     (root; default: nine scenarios, about 17 minutes)
 #
+# AGREE_CONF=FILE runs the daemon and the replay with that configuration instead of the built-in
+# defaults (e.g. AGREE_CONF=etc/mlbd.conf for the shipped one).
+#
 # For each trace: in a private network namespace joined to a peer namespace by the link emulator
 # (as tools/run-host.sh does), the real daemon (build/mlbd, built-in defaults) selects links for a
 # game (UID 10050, tools/demo/demo.py) while `link-emulator play` plays the trace; then
@@ -96,7 +99,11 @@ for trace in "${traces[@]}"; do
     root="$(mktemp -d /tmp/mlbd-agree.XXXXXX)"
     mkdir -p "$root/vendor/etc/sla" "$root/properties" "$root/dev/socket" "$root/proc/sla" \
         "$root/proc/net" "$root/system/bin"
-    : >"$root/vendor/etc/sla/mlbd.conf"  # the built-in defaults
+    if [ -n "${AGREE_CONF:-}" ]; then
+        cp "$AGREE_CONF" "$root/vendor/etc/sla/mlbd.conf"
+    else
+        : >"$root/vendor/etc/sla/mlbd.conf"  # the built-in defaults
+    fi
     printf 'wlan0,rmnet_data0\n' >"$root/properties/vendor.sla.ifaces"
     printf '1\n' >"$root/properties/vendor.sla.mode"
     printf '1\n' >"$root/properties/vendor.sla.enabled"
