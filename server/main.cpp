@@ -7,6 +7,7 @@
 
 #include "MlbdSocketServer.h"
 #include "iptables/IptablesManager.h"
+#include "iptables/execnetd.h"
 #include "monitor/SockDiag.h"
 #include "parameters/Parameters.h"
 #include "platform/Platform.h"
@@ -21,6 +22,9 @@ int main() {
     // Start-up. The parameter store reads the configuration file, the properties and the
     // interface list.
     Parameters* parameters = Parameters::instance();
+    // Every front-end run from here on is held to the configured time limit.
+    const int32_t frontendLimitMs = parameters->frontend_timeout_ms;
+    mlbd::setCommandTimeLimitMs(frontendLimitMs > 0 ? static_cast<uint32_t>(frontendLimitMs) : 0);
 
     // The chain skeleton, then one mark chain and routing rule per interface, before any
     // traffic is steered.

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <fstream>
 #include <sstream>
 
@@ -12,6 +13,14 @@
 #include "platform/Platform.h"
 
 namespace {
+
+// Whether `pid` exists and has not yet ended (a zombie has ended).
+bool running(pid_t pid) {
+    std::string stat;
+    std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/stat"), stat);
+    const size_t close = stat.rfind(") ");
+    return close != std::string::npos && stat[close + 2] != 'Z';
+}
 
 TEST(ExecnetdTest, ArgumentsAreSplitAtBlanksAndNeverReachAShell) {
     std::string patternPath = mlbd::scratchDirectory() + "/execnetd-test.XXXXXX";
@@ -60,6 +69,52 @@ TEST(ExecnetdTest, OnlyAProcessThatCannotBeCreatedFails) {
     errno = 0;
     EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));  // every child was reaped
     EXPECT_EQ(ECHILD, errno);
+}
+
+TEST(ExecnetdTest, AFrontEndThatHangsIsKilledWithEverythingItStartedAtTheLimit) {
+    std::string patternPath = mlbd::scratchDirectory() + "/execnetd-limit.XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(&patternPath[0]));
+    const std::string dir = patternPath;
+    // Each leaves a child of its own behind (its pid in <dir>/<name>.pid) and then hangs: with
+    // its output open, with its output closed, or it ends while the child keeps the output open.
+    const std::vector<std::pair<std::string, std::string>> hangs = {
+            {"open", "sleep 60 & echo $! > DIR/open.pid; sleep 60"},
+            {"closed", "sleep 60 & echo $! > DIR/closed.pid; exec >&- 2>&-; sleep 60"},
+            {"child", "sleep 60 & echo $! > DIR/child.pid"},
+    };
+    mlbd::setCommandTimeLimitMs(300);
+    testing::internal::CaptureStderr();
+    for (const auto& hang : hangs) {
+        std::string body = hang.second;
+        body.replace(body.find("DIR"), 3, dir);
+        const std::string tool = dir + "/" + hang.first;
+        std::ofstream(tool) << "#!/bin/sh\n" << body << "\n";
+        ASSERT_EQ(0, chmod(tool.c_str(), 0755));
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(0, execnetd((tool + " -w -t mangle").c_str())) << hang.first;
+        const auto tookMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                    std::chrono::steady_clock::now() - start)
+                                    .count();
+        EXPECT_GE(tookMs, 290) << hang.first;
+        EXPECT_LT(tookMs, 5000) << hang.first;
+        // The process the front-end started is gone too (killed, then reaped by its new parent).
+        pid_t left = 0;
+        std::ifstream(dir + "/" + hang.first + ".pid") >> left;
+        ASSERT_GT(left, 0) << hang.first;
+        for (int i = 0; i < 200 && running(left); ++i) usleep(10000);
+        EXPECT_FALSE(running(left)) << hang.first;
+    }
+    // A quick program is not held up.
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, execnetd("/bin/true"));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+    mlbd::setCommandTimeLimitMs(mlbd::kDefaultCommandTimeLimitMs);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(std::string::npos,
+              log.find("still running after 300 ms, killed with its process group: " + dir +
+                       "/closed -w -t mangle"))
+            << log;
+    ASSERT_EQ(0, system(("rm -rf " + dir).c_str()));
 }
 
 }  // namespace

@@ -114,6 +114,9 @@ const ConfKey kConfKeys[] = {
         intKey("rtt_entry_threshold", &Parameters::rtt_entry_threshold),
         intKey("rtt_exit_threshold", &Parameters::rtt_exit_threshold),
         setterKey("uid_whitelist", &Parameters::setuidwhitelist),
+        // Robustness keys beyond the base set (see Parameters.h).
+        intKey("frontend_timeout_ms", &Parameters::frontend_timeout_ms),
+        intKey("control_reaccept", &Parameters::control_reaccept),
 };
 
 }  // namespace
@@ -173,6 +176,8 @@ void Parameters::reset() {
     rtt_entry_threshold = 90;
     rtt_exit_threshold = 130;
     wifiIfaceCount = 0;
+    frontend_timeout_ms = kDefaultFrontendTimeoutMs;
+    control_reaccept = 0;
     strcpy(lastUidWhitelistProp, "0");
     memset(ifacesProp, 0, sizeof(ifacesProp));
     memset(modeProp, 0, sizeof(modeProp));
