@@ -272,9 +272,14 @@ void Parameters::readMlbdConfFile(const char* path) {
         LOGE("read mlbd conf file failed!");
         return;
     }
-    // One byte more than the limit tells whether the file goes on beyond it.
-    std::string text(kMaxConfBytes + 1, '\0');
-    text.resize(fread(&text[0], 1, text.size(), file));
+    // Read as it comes, so that a short file costs only its own size; reading past the limit
+    // tells whether the file goes on beyond it.
+    std::string text;
+    char chunk[4096];
+    for (size_t got;
+         text.size() <= kMaxConfBytes && (got = fread(chunk, 1, sizeof(chunk), file)) > 0;) {
+        text.append(chunk, got);
+    }
     fclose(file);
     if (text.size() > kMaxConfBytes) {
         LOGE("%s mlbd conf file is larger than %zu bytes, the rest is ignored", "readMlbdConfFile",
