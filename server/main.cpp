@@ -5,10 +5,14 @@
 #include <android/log.h>
 #include <unistd.h>
 
+#include <mutex>
+
 #include "MlbdSocketServer.h"
 #include "iptables/IptablesManager.h"
 #include "iptables/execnetd.h"
+#include "monitor/SlaTcpSocketMonitor.h"
 #include "monitor/SockDiag.h"
+#include "monitor/VoipStateMonitor.h"
 #include "parameters/Parameters.h"
 #include "platform/Platform.h"
 #include "sls/SmartLinkSelection.h"
@@ -58,6 +62,16 @@ int main() {
     // No new client; the one connected stays, and its commands now program nothing.
     stopSocketThreads();
     SlaStatsImpl::finalize();
+    // Nothing it started keeps running in the parked process: the socket monitor, the probe
+    // threads (each leaves after its current probe) and the VoIP monitor. A command in progress
+    // finishes first; a later stop command finds them gone.
+    {
+        std::lock_guard<std::recursive_mutex> lock(IptablesManager::lifecycleMutex());
+        SlaTcpSocketMonitor::finalize();
+        SmartLinkSelection::finalize();
+        VoipStateMonitor::finalize();
+    }
+    __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "cleanup done: probes and monitors stopped\n");
 
     // Parked: the process stays alive and idle; re-enabling needs a restart.
     for (;;) sleep(600);
