@@ -14,6 +14,7 @@
 #include "iptables/IptablesManager.h"
 #include "monitor/SockDiag.h"
 #include "parameters/Parameters.h"
+#include "platform/IntervalClock.h"
 #include "sls/Tcping.h"
 #include "stats/SlaStatsImpl.h"
 
@@ -26,12 +27,6 @@ namespace {
 // Guards the instance pointer; recursive, so that a holder may call in again.
 std::recursive_mutex sMutex;
 std::shared_ptr<SmartLinkSelection> sInstance;
-
-struct timeval timeOfDay() {
-    struct timeval now;
-    gettimeofday(&now, nullptr);
-    return now;
-}
 
 void sleepMs(uint32_t ms) {
     struct timespec pause = {static_cast<time_t>(ms / 1000),
@@ -56,7 +51,7 @@ const char* nameOf(const std::shared_ptr<InterfaceRtt>& rec) {
 
 }  // namespace
 
-SmartLinkSelection::SmartLinkSelection() : clock_(&timeOfDay) {
+SmartLinkSelection::SmartLinkSelection() : clock_(&mlbd::intervalClockNow) {
     lastSwitchTime = clock_();
 }
 
@@ -220,7 +215,7 @@ const char* SmartLinkSelection::calcInterface() {
     const int32_t exit = params->rtt_exit_threshold;
     const std::shared_ptr<InterfaceRtt> prev = current;
 
-    // Hysteresis: at most n_hyst switches per t_hyst_s seconds.
+    // Hysteresis: at most n_hyst switches per t_hyst_s seconds, timed on the interval clock.
     const struct timeval now = clock_();
     const int64_t elapsedMs = static_cast<int64_t>(now.tv_sec - lastSwitchTime.tv_sec) * 1000 +
                               static_cast<int64_t>(now.tv_usec - lastSwitchTime.tv_usec) / 1000;
