@@ -10,11 +10,13 @@
 
 #include <string>
 
+#include "platform/Platform.h"
+
 namespace mlbd_fuzz {
 
 inline const std::string& fuzzRoot() {
     static const std::string root = [] {
-        std::string tmpl = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+        std::string tmpl = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : mlbd::scratchDirectory();
         tmpl += "/mlbd-fuzz-XXXXXX";
         if (mkdtemp(&tmpl[0]) == nullptr) abort();
         for (const char* dir : {"/properties", "/vendor", "/vendor/etc", "/vendor/etc/sla"}) {
