@@ -460,6 +460,8 @@ TEST_F(ControlKernelTest, FaultsAreSurvivedAndClearedWhileAGameAndWebTrafficRun)
                   << "\n";
     }
     stop(&web);
+    // The selection the first client started stands after the clients that came after it.
+    EXPECT_NE(npos, output().find("--uid-owner 10002 -j vexa_sls_wlan0"));
 
     // Shut-down with the module's control file unusable: logged, and still every thread but the
     // main and control threads ends.
