@@ -126,9 +126,10 @@ int main(int argc, char** argv) {
                "/tools/host/*-wrapper-1.0 system/bin/ && ln -s /proc/net/nf_conntrack proc/net/");
     routes();
     net.runInPeer("ip addr add 10.99.0.1 dev lo");
+    const std::string peer = "--net=" + net.peerPath();  // names this process's descriptor
     pid_t responder = forkAs(0, [&] {
-        execl("/usr/bin/nsenter", "nsenter", ("--net=" + net.peerPath()).c_str(),
-              MLBD_BINARY_DIR "/tools/rtt-responder", "--port", "5060", nullptr);
+        execl("/usr/bin/nsenter", "nsenter", peer.c_str(), MLBD_BINARY_DIR "/tools/rtt-responder",
+              "--port", "5060", nullptr);
     });
     const int web = net.socketInPeer(AF_INET, SOCK_STREAM);
     bind(web, reinterpret_cast<const sockaddr*>(&kWebServer), sizeof(kWebServer));
