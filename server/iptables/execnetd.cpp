@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -86,17 +87,37 @@ bool drainAndReap(int readFd, pid_t pid, uint32_t limitMs) {
     }
     close(readFd);
     // The output has ended; the program itself normally ends with it, but one that closed its
-    // output and went on running is held to the same deadline.
+    // output and went on running is held to the same deadline. The wait is on a process
+    // descriptor where the kernel has them, else in short naps.
+    if (finished && limitMs == 0) {
+        while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+        }
+        return true;
+    }
+#ifdef SYS_pidfd_open
+    const int pidFd = finished ? static_cast<int>(syscall(SYS_pidfd_open, pid, 0)) : -1;
+#else
+    const int pidFd = -1;
+#endif
     for (useconds_t pauseUs = 100; finished;) {
         const pid_t done = waitpid(pid, nullptr, WNOHANG);
-        if (done == pid || (done < 0 && errno != EINTR)) return true;
-        if (limitMs != 0 && Clock::now() >= deadline) {
+        if (done == pid || (done < 0 && errno != EINTR)) break;
+        const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0) {
             finished = false;
             break;
         }
-        usleep(pauseUs);
-        if (pauseUs < 10000) pauseUs *= 2;
+        if (pidFd >= 0) {
+            pollfd pfd = {pidFd, POLLIN, 0};
+            poll(&pfd, 1, static_cast<int>(left.count()));
+        } else {
+            usleep(pauseUs);
+            if (pauseUs < 10000) pauseUs *= 2;
+        }
     }
+    if (pidFd >= 0) close(pidFd);
+    if (finished) return true;
     // The front-end and anything it started share its own process group.
     kill(-pid, SIGKILL);
     while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
