@@ -1,6 +1,7 @@
 /*
  * The control socket: one listening UNIX stream socket, one server thread that serves a single
- * client for the life of the process, and the dispatch of record ids to the commands.
+ * client for the life of the process (or, with "control_reaccept", one client after another),
+ * and the dispatch of record ids to the commands.
  */
 #include "MlbdSocketServer.h"
 
@@ -165,35 +166,56 @@ void* socketThreadHandle(void*) {
         gListenFd = fd;
         acceptFd = fcntl(fd, F_DUPFD_CLOEXEC, 0);
     }
-    const int client = acceptFd >= 0 && listen(acceptFd, 2) == 0 ? acceptClient(acceptFd) : -1;
-    if (client < 0) {
-        const int error = errno;
-        bool stopped;
-        {
-            std::lock_guard<std::mutex> lock(gListenMutex);
-            stopped = gStopped;
-        }
-        // The shut-down ends the wait for a client by shutting the socket down: not a failure.
-        if (stopped) {
-            LOGD("control socket closed at shut-down, no client was served\n");
-        } else {
-            LOGE("accept fail, error=%s\n", strerror(error));
-        }
-        if (acceptFd >= 0) close(acceptFd);
-        closeListening(false);
-        return nullptr;
-    }
-    close(acceptFd);
-
+    // With "control_reaccept" set, a client that has gone is followed by the next one; what
+    // earlier clients set stays as it is.
+    const bool reaccept = params->control_reaccept != 0;
+    const bool listening = acceptFd >= 0 && listen(acceptFd, 2) == 0;
     for (;;) {
-        const ssize_t received = recvfrom(client, &buffer, sizeof(buffer), 0, nullptr, nullptr);
-        handleReceived(buffer, received);
-        // The client has gone and no other is ever served: nothing can arrive any more, so the
-        // thread rests instead of polling a closed connection (a spin with a pause of 0).
-        if (received == 0) {
-            for (;;) sleep(600);
+        const int client = listening ? acceptClient(acceptFd) : -1;
+        if (client < 0) {
+            const int error = errno;
+            bool stopped;
+            {
+                std::lock_guard<std::mutex> lock(gListenMutex);
+                stopped = gStopped;
+            }
+            // The shut-down ends the wait for a client by shutting the socket down: not a
+            // failure.
+            if (stopped) {
+                LOGD("control socket closed at shut-down, no further client is served\n");
+            } else {
+                LOGE("accept fail, error=%s\n", strerror(error));
+            }
+            if (acceptFd >= 0) close(acceptFd);
+            closeListening(false);
+            return nullptr;
         }
-        usleep(pauseUs);
+        if (!reaccept) {
+            close(acceptFd);
+            acceptFd = -1;
+        }
+
+        const char* goneReason = nullptr;
+        for (;;) {
+            const ssize_t received = recvfrom(client, &buffer, sizeof(buffer), 0, nullptr, nullptr);
+            const int receiveError = errno;
+            handleReceived(buffer, received);
+            if (reaccept && (received == 0 || (received < 0 && receiveError != EINTR))) {
+                goneReason = received == 0 ? "end of stream" : strerror(receiveError);
+                break;
+            }
+            // The client has gone and no other is ever served: nothing can arrive any more, so
+            // the thread rests instead of polling a closed connection (a spin with a pause of 0).
+            if (received == 0) {
+                for (;;) sleep(600);
+            }
+            usleep(pauseUs);
+        }
+        __android_log_print(ANDROID_LOG_INFO, LOG_TAG,
+                            "control client gone (%s), accepting the next one\n", goneReason);
+        close(client);
+        // A record half received from the last client is not completed by the next one.
+        memset(&buffer, 0, sizeof(buffer));
     }
     return nullptr;
 }

@@ -5,7 +5,9 @@
  * starts and ends, over the UNIX stream socket "/dev/socket/mlbd" ($MLBD_ROOT/dev/socket/mlbd on
  * a host). It sends fixed 1032-byte records (msg_t, host byte order). One thread accepts a single
  * client for the life of the process and runs each record's command to completion, one record
- * per receive pause ("ping_interval_ms", read once).
+ * per receive pause ("ping_interval_ms", read once). With "control_reaccept" (read once) not 0,
+ * the thread accepts the next client, under the same check, once the one it serves has gone (end
+ * of stream or a receive error); what earlier clients set stays.
  *
  * The door: the socket file is mode 0666, so the accepted peer's credentials are checked; only
  * root, the system user and (host build) the daemon's own user are served, anyone else is logged,

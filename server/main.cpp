@@ -6,9 +6,14 @@
 #include <stdint.h>
 #include <unistd.h>
 
+#include <mutex>
+
 #include "MlbdSocketServer.h"
 #include "iptables/IptablesManager.h"
+#include "iptables/execnetd.h"
+#include "monitor/SlaTcpSocketMonitor.h"
 #include "monitor/SockDiag.h"
+#include "monitor/VoipStateMonitor.h"
 #include "parameters/Parameters.h"
 #include "platform/Platform.h"
 #include "sls/SmartLinkSelection.h"
@@ -40,6 +45,9 @@ int main() {
     // Start-up. The parameter store reads the configuration file, the properties and the
     // interface list.
     Parameters* parameters = Parameters::instance();
+    // Every front-end run from here on is held to the configured time limit.
+    const int32_t frontendLimitMs = parameters->frontend_timeout_ms;
+    mlbd::setCommandTimeLimitMs(frontendLimitMs > 0 ? static_cast<uint32_t>(frontendLimitMs) : 0);
 
     // The chain skeleton, then one mark chain and routing rule per interface, before any
     // traffic is steered.
@@ -75,6 +83,15 @@ int main() {
     // No new client; the one connected stays, and its commands now program nothing.
     stopSocketThreads();
     SlaStatsImpl::finalize();
+    // Nothing it started keeps running in the parked process: the socket monitor, the probe
+    // threads (each leaves after its current probe) and the VoIP monitor. A command in progress
+    // finishes first; a later stop command finds them gone.
+    {
+        std::lock_guard<std::recursive_mutex> lock(IptablesManager::lifecycleMutex());
+        SlaTcpSocketMonitor::finalize();
+        SmartLinkSelection::finalize();
+        VoipStateMonitor::finalize();
+    }
     __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "Slm cleanup finished, daemon parked");
 
     // Parked: the process stays alive and idle; re-enabling needs a restart.

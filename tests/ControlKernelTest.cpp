@@ -7,6 +7,7 @@
 // front-ends. Games and web clients are child processes under their own UIDs; a flow's
 // connection-tracking entry tells by which link it left and with which mark.
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -20,6 +21,7 @@
 #include <atomic>
 #include <fstream>
 #include <functional>
+#include <iostream>
 #include <map>
 #include <set>
 #include <sstream>
@@ -106,7 +108,7 @@ const sockaddr_in kWebServer = {AF_INET, htons(80), {htonl(0x0A630001)}, {}};   
 
 // What the game saw, in memory shared with it.
 struct GameState {
-    std::atomic<int> connects{0}, aborts{0};
+    std::atomic<int> connects{0}, aborts{0}, exchanges{0};
 };
 
 class ControlKernelTest : public ::testing::Test {
@@ -115,8 +117,10 @@ class ControlKernelTest : public ::testing::Test {
         if (access("/usr/sbin/iptables", X_OK) != 0) GTEST_SKIP() << "iptables is not installed";
         std::string why;
         if (!Netns::enterPrivate(&why)) GTEST_SKIP() << "real-kernel test skipped: " << why;
-        // Probes every 100 ms, each taken as it comes; one decision every 200 ms.
-        root_ = makeRoot("ping_interval_ms=100\nalpha_percent=100\nmini_est_interval=200\n" +
+        // Probes every 100 ms, each taken as it comes; one decision every 200 ms; front-ends
+        // cut off after 1.5 s; control clients served one after another.
+        root_ = makeRoot("ping_interval_ms=100\nalpha_percent=100\nmini_est_interval=200\n"
+                         "frontend_timeout_ms=1500\ncontrol_reaccept=1\n" +
                          extraConf());
         ASSERT_NE("", root_);
         ASSERT_TRUE(net_.startPeer());
@@ -223,6 +227,7 @@ class ControlKernelTest : public ::testing::Test {
                 errno = 0;
                 while (fd >= 0 && send(fd, buf, 28, MSG_NOSIGNAL) == 28 &&
                        recv(fd, buf, 30, MSG_WAITALL) == 30) {
+                    ++game->exchanges;
                     usleep(50000);
                 }
                 game->aborts += errno == ECONNABORTED || errno == ECONNRESET;
@@ -240,6 +245,19 @@ class ControlKernelTest : public ::testing::Test {
         const Flows before = flows();
         std::this_thread::sleep_for(std::chrono::seconds(2));
         EXPECT_EQ(0, count(flows(), server, before)) << log();
+    }
+
+    // The daemon's threads and open descriptors.
+    std::pair<size_t, size_t> counts() const {
+        std::pair<size_t, size_t> n;
+        for (auto [dir, count] : {std::pair{"/task", &n.first}, {"/fd", &n.second}}) {
+            const std::string path = "/proc/" + std::to_string(daemon_) + dir;
+            *count = 0;
+            for (DIR* d = opendir(path.c_str()); d != nullptr; closedir(d), d = nullptr) {
+                while (const dirent* e = readdir(d)) *count += e->d_name[0] != '.';
+            }
+        }
+        return n;
     }
 
     std::string root_;
@@ -379,6 +397,132 @@ TEST_F(ControlKernelIpv6Test, Ipv6GameMovesWhenItsLinkSlowsDown) {
         return game_->aborts > 0 && count(flows(), game + cell + " mark=92") > 0;
     })) << log();
     EXPECT_GT(count(flows(), game + cell + " mark=0 assured"), 0);  // a probe over IPv6
+}
+
+// Faults of the platform, the links and the control client, each injected while a game and web
+// traffic run and then cleared: the daemon logs it, keeps the game on a working link, and comes
+// back to its rules, threads and descriptors. The shut-down, with the module's control file
+// unusable, then stops every thread it started.
+TEST_F(ControlKernelTest, FaultsAreSurvivedAndClearedWhileAGameAndWebTrafficRun) {
+    // The main and control threads (and any of a sanitizer's runtime).
+    const size_t idleThreads = counts().first;
+    ASSERT_TRUE(command(MLBD_CMD_START_SLS, std::to_string(kGame)));
+    startGame();
+    pid_t web = forkAs(kListed, [] {
+        for (;; usleep(200000)) close(connectTo(kWebServer));
+        return 0;
+    });
+    const std::string bin = root_ + "/system/bin/", iptables = bin + "iptables-wrapper-1.0";
+    const std::string realIptables = MLBD_SOURCE_DIR "/tools/host/iptables-wrapper-1.0";
+    auto frontEnd = [&](const std::string& body) {
+        unlink(iptables.c_str());
+        if (!body.empty()) std::ofstream(iptables) << "#!/bin/sh\n" << body << "\n";
+        chmod(iptables.c_str(), 0755);
+    };
+    auto restoreFrontEnd = [&] {
+        unlink(iptables.c_str()), symlink(realIptables.c_str(), iptables.c_str());
+    };
+    auto routes = [&] {
+        Netns::run("for i in wlan0 rmnet_data0; do " + bin +
+                   "ip-wrapper-1.0 route replace default dev $i table $i; done");
+    };
+    // The game and the web client hold copies of the connection: shut down, not only closed.
+    auto client = [&](const std::string& bytes) {
+        shutdown(control_, SHUT_RDWR), close(control_);
+        control_ = connectControl();
+        send(control_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        close(control_);
+        control_ = connectControl();  // served once the one before has gone
+    };
+    // Every whitelist text differs from the last, so each one programs the rules.
+    int pokes = 0;
+    auto poke = [&] {
+        return command(MLBD_CMD_UID_WHITELIST,
+                       std::to_string(kListed) + (pokes++ % 2 ? ",10009" : ""));
+    };
+    auto healthy = [&] { return mlbdctlStatus()["healthy"].asBool(); };
+    // The steady state: the whitelist applied, probe threads and both monitors running.
+    ASSERT_TRUE(poke() && until([&] {
+                    return output().find("--uid-owner 10001 -j vexa_SLM") != npos && healthy() &&
+                           counts().first == idleThreads + 4;
+                }))
+            << mlbdctlStatus();
+    const auto base = counts();
+    std::string garbage(40 * sizeof(msg_t), '\0');
+    for (char& c : garbage) c = static_cast<char>(rand());
+
+    const struct {
+        const char* name;
+        std::function<void()> inject, clear;
+        const char* logged;
+    } faults[] = {
+            {"front-end exits 1", [&] { frontEnd("exit 1"); }, restoreFrontEnd, "PASS  "},
+            {"front-end missing", [&] { frontEnd(""); }, restoreFrontEnd, "PASS  "},
+            {"front-end hangs once",
+             [&] {
+                 frontEnd("mkdir " + root_ + "/hung 2>/dev/null && sleep 60; exec " + realIptables +
+                          " \"$@\"");
+             },
+             restoreFrontEnd, "still running after 1500 ms, killed with its process group: "},
+            {"wlan0 down", [&] { Netns::run("ip link set wlan0 down"); },
+             [&] {
+                 Netns::run("ip link set wlan0 up && ip route replace default dev wlan0 metric 10"),
+                         routes();
+             },
+             "perform switch rmnet_data0"},
+            {"wlan0 deleted", [&] { Netns::run("ip link del wlan0"); },
+             [&] {
+                 std::string why;
+                 links_.stop();
+                 links_.start(net_, 20, 160, &why);
+                 routes();
+             },
+             "perform switch rmnet_data0"},
+            {"statistics files removed", [&] { Netns::run("rm -f " + root_ + "/proc/sla/*_mmap"); },
+             [] {}, "PASS  "},
+            {"garbage client", [&] { client(garbage); }, [] {}, "unknow mesage!!!"},
+            {"client leaves mid-record", [&] { client(std::string(500, '\1')); }, [] {},
+             "control client gone"},
+    };
+    std::cout << "fault | logged | recovery ms | threads/fds before | after\n";
+    for (const auto& fault : faults) {
+        SCOPED_TRACE(fault.name);
+        const size_t mark = log().size();
+        fault.inject();
+        poke();
+        EXPECT_TRUE(until([&] { return log().find(fault.logged, mark) != npos; }))
+                << log().substr(mark);
+        // A working link still carries the game.
+        const int during = game_->exchanges;
+        EXPECT_TRUE(until([&] { return game_->exchanges > during + 5; }));
+        const int exchanges = game_->exchanges;
+        fault.clear();
+        const auto start = std::chrono::steady_clock::now();
+        ASSERT_TRUE(poke());
+        EXPECT_TRUE(until([&] {
+            return game_->exchanges > exchanges + 5 && healthy() && counts() == base;
+        })) << mlbdctlStatus()
+            << game_->exchanges - exchanges << " exchanges, " << counts().first << "/"
+            << counts().second;
+        const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                std::chrono::steady_clock::now() - start)
+                                .count();
+        std::cout << fault.name << " | " << fault.logged << " | " << ms << " | " << base.first
+                  << "/" << base.second << " | " << counts().first << "/" << counts().second
+                  << "\n";
+    }
+    stop(&web);
+    // The selection the first client started stands after the clients that came after it.
+    EXPECT_NE(npos, output().find("--uid-owner 10002 -j vexa_sls_wlan0"));
+
+    // Shut-down with the module's control file unusable: logged, and still every thread but the
+    // main and control threads ends.
+    Netns::run("cd " + root_ + "/proc/sla && mv config config.gone && mkdir config");
+    std::ofstream(root_ + "/properties/vendor.sla.enabled") << "2";
+    EXPECT_TRUE(logged("open stats config file failed:Is a directory"));
+    EXPECT_TRUE(logged("Slm cleanup finished, daemon parked"));
+    EXPECT_TRUE(until([&] { return counts().first == idleThreads; })) << counts().first;
+    EXPECT_EQ("", output());
 }
 
 }  // namespace

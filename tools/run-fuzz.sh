@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets of fuzz/ with clang (-fsanitize=fuzzer,address,undefined) and runs
-# each one briefly from a small generated seed corpus. Any crash, leak, sanitizer report or
+# each one briefly from a small generated seed corpus and from the minimized corpus kept in the
+# tree (fuzz/corpus/<target>, the result of deep runs). Any crash, leak, sanitizer report or
 # timeout fails the script.
 #
 #   tools/run-fuzz.sh                 # 20 s per target
@@ -11,7 +12,7 @@ src="$(cd "$(dirname "$0")/.." && pwd)"
 build="${BUILD_DIR:-$src/build-fuzz}"
 seconds="${FUZZ_SECONDS:-20}"
 targets=(fuzz_sockdiag_dump fuzz_nl80211_attribute fuzz_nl80211_nested fuzz_nl80211_packet
-         fuzz_netlink_receive fuzz_control_record)
+         fuzz_netlink_receive fuzz_control_record fuzz_config_file fuzz_property_texts)
 [ $# -gt 0 ] && targets=("$@")
 
 command -v clang++ >/dev/null || { echo "run-fuzz: clang++ is needed" >&2; exit 1; }
@@ -27,9 +28,9 @@ cmake --build "$build" -j "${FUZZ_JOBS:-2}" --target "${targets[@]}"
 # control records (host order, little-endian on every supported host) of each id.
 corpus="$build/fuzz-corpus"
 rm -rf "$corpus"
-python3 - "$corpus" <<'PY'
+python3 - "$corpus" "$src" <<'PY'
 import os, struct, sys
-root = sys.argv[1]
+root, src = sys.argv[1], sys.argv[2]
 
 def attr(t, payload):
     a = struct.pack("<HH", 4 + len(payload), t) + payload
@@ -94,6 +95,17 @@ seeds = {
         # A short last receive: only the id is new, the rest is the previous record's.
         rec(5, "10123") + struct.pack("<i", 1),
     ],
+    "fuzz_config_file": [
+        open(os.path.join(src, "etc", "mlbd.conf"), "rb").read(),
+        b"mini_est_interval = 200\n  # c\nping_interval_ms=500# ms\nrtt_server=a=b\nSLAEnabled\n"
+        b"interface_0=wlan0,0,wlan0,0x5A,1,0,0,0\ninterface_1=rmnet_data0,1,x,,1,0,0\r\n"
+        b"uid_whitelist=10010,,123456,10011\nn_hyst=-99999999999999999999\t\n",
+    ],
+    "fuzz_property_texts": [
+        chunks(b"wlan0,rmnet_data0", b"1", b"10010,10011", b"NULL", b"10050,10051"),
+        chunks(b"wlan0,wlan1,ccmni0,rmnet_data1,rmnet_data2", b"0", b"0", b"", b",,00,1"),
+        chunks(b"wlan 0,,/x,rmnet_data0\n", b"abc", b"1" * 120, b"12345678901", b"-1,+2"),
+    ],
 }
 for target, items in seeds.items():
     os.makedirs(os.path.join(root, target), exist_ok=True)
@@ -108,6 +120,7 @@ for t in "${targets[@]}"; do
     rm -rf "$work"
     mkdir -p "$work/corpus"
     cp "$corpus/$t"/* "$work/corpus/"
+    if [ -d "$src/fuzz/corpus/$t" ]; then cp "$src/fuzz/corpus/$t"/* "$work/corpus/"; fi
     echo "== $t: ${seconds}s"
     if ! ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
           "$build/fuzz/$t" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \

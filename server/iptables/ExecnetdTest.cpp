@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <fstream>
 #include <sstream>
 
@@ -12,6 +13,14 @@
 #include "platform/Platform.h"
 
 namespace {
+
+// Whether `pid` exists and has not yet ended (a zombie has ended).
+bool running(pid_t pid) {
+    std::string stat;
+    std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/stat"), stat);
+    const size_t close = stat.rfind(") ");
+    return close != std::string::npos && stat[close + 2] != 'Z';
+}
 
 TEST(ExecnetdTest, ArgumentsAreSplitAtBlanksAndNeverReachAShell) {
     std::string patternPath = mlbd::scratchDirectory() + "/execnetd-test.XXXXXX";
@@ -60,6 +69,41 @@ TEST(ExecnetdTest, OnlyAProcessThatCannotBeCreatedFails) {
     errno = 0;
     EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));  // every child was reaped
     EXPECT_EQ(ECHILD, errno);
+}
+
+TEST(ExecnetdTest, AFrontEndThatHangsIsKilledWithEverythingItStartedAtTheLimit) {
+    std::string dir = mlbd::scratchDirectory() + "/execnetd-limit.XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(&dir[0]));
+    mlbd::setCommandTimeLimitMs(300);
+    testing::internal::CaptureStderr();
+    // Each leaves a child behind (its pid in <dir>/<name>.pid), then hangs with its output
+    // closed, or ends while the child holds the output open.
+    for (const char* name : {"closed", "child"}) {
+        const std::string tool = dir + "/" + name;
+        std::ofstream(tool) << "#!/bin/sh\nsleep 60 & echo $! > " << tool << ".pid\n"
+                            << (name[1] == 'l' ? "exec >&- 2>&-; sleep 60\n" : "");
+        ASSERT_EQ(0, chmod(tool.c_str(), 0755));
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(0, execnetd((tool + " -w -t mangle").c_str())) << name;
+        const auto took = std::chrono::steady_clock::now() - start;
+        EXPECT_TRUE(took >= std::chrono::milliseconds(290) && took < std::chrono::seconds(5));
+        // What the front-end started is gone too (killed, then reaped by its new parent).
+        pid_t left = 0;
+        std::ifstream(tool + ".pid") >> left;
+        for (int i = 0; i < 200 && running(left); ++i) usleep(10000);
+        EXPECT_TRUE(left > 0 && !running(left)) << name;
+    }
+    // A quick program is not held up.
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, execnetd("/bin/true"));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+    mlbd::setCommandTimeLimitMs(mlbd::kDefaultCommandTimeLimitMs);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(std::string::npos, log.find("still running after 300 ms, killed with its process "
+                                          "group: " +
+                                          dir + "/closed -w -t mangle"))
+            << log;
+    ASSERT_EQ(0, system(("rm -rf " + dir).c_str()));
 }
 
 }  // namespace

@@ -1,16 +1,20 @@
 /*
- * execnetd: runs one command line without a shell and drains its output.
+ * execnetd: runs one command line without a shell and drains its output, within a time limit.
  */
 #include "execnetd.h"
 
 #include <android/log.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -23,6 +27,8 @@ namespace mlbd {
 namespace {
 
 std::atomic<CommandSink> gSink{nullptr};
+// The longest a front-end may run, in milliseconds; 0 waits for ever.
+std::atomic<uint32_t> gTimeLimitMs{kDefaultCommandTimeLimitMs};
 
 bool isBlank(char c) {
     return c == ' ' || c == '\t';
@@ -52,27 +58,91 @@ bool noProcessCreated(int error) {
     return error == EAGAIN || error == ENOMEM || error == ENOSYS;
 }
 
-// Reads and discards everything the child writes, then reaps it.
-void drainAndReap(int readFd, pid_t pid) {
+// Reads and discards everything the child (and whatever it started) writes until the output
+// ends, then reaps it. When that has not happened within `limitMs` (0: no limit), the child's
+// process group is killed and false returned. The deadline is taken on the monotonic clock, so
+// a step of the wall clock neither shortens nor stretches it.
+bool drainAndReap(int readFd, pid_t pid, uint32_t limitMs) {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(limitMs);
     char buffer[1024];
+    bool finished = true;
     for (;;) {
-        ssize_t got = read(readFd, buffer, sizeof(buffer) - 1);
+        int waitMs = -1;
+        if (limitMs != 0) {
+            const auto left =
+                    std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+            if (left.count() <= 0) {
+                finished = false;
+                break;
+            }
+            waitMs = static_cast<int>(left.count());
+        }
+        pollfd pfd = {readFd, POLLIN, 0};
+        const int ready = poll(&pfd, 1, waitMs);
+        if (ready < 0 && errno != EINTR) break;
+        if (ready <= 0) continue;
+        const ssize_t got = read(readFd, buffer, sizeof(buffer) - 1);
         if (got > 0) continue;
-        if (got < 0 && errno == EINTR) continue;
+        if (got < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         break;
     }
     close(readFd);
+    // The output has ended; the program itself normally ends with it, but one that closed its
+    // output and went on running is held to the same deadline. The wait is on a process
+    // descriptor where the kernel has them, else in short naps.
+    if (finished && limitMs == 0) {
+        while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+        }
+        return true;
+    }
+#ifdef SYS_pidfd_open
+    const int pidFd = finished ? static_cast<int>(syscall(SYS_pidfd_open, pid, 0)) : -1;
+#else
+    const int pidFd = -1;
+#endif
+    for (useconds_t pauseUs = 100; finished;) {
+        const pid_t done = waitpid(pid, nullptr, WNOHANG);
+        if (done == pid || (done < 0 && errno != EINTR)) break;
+        const auto left =
+                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0) {
+            finished = false;
+            break;
+        }
+        if (pidFd >= 0) {
+            pollfd pfd = {pidFd, POLLIN, 0};
+            poll(&pfd, 1, static_cast<int>(left.count()));
+        } else {
+            usleep(pauseUs);
+            if (pauseUs < 10000) pauseUs *= 2;
+        }
+    }
+    if (pidFd >= 0) close(pidFd);
+    if (finished) return true;
+    // The front-end and anything it started share its own process group.
+    kill(-pid, SIGKILL);
     while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
     }
+    return false;
 }
 
-// Starts argv with stdout and stderr on `writeFd`, stdin on /dev/null and, where the C library
-// can close them for us, no other descriptor of the daemon (elsewhere only close-on-exec ones
-// are kept out, as with popen). Returns 0 or the error number of posix_spawnp.
+// Starts argv in a process group of its own (so that it can be ended with everything it
+// started) with stdout and stderr on `writeFd`, stdin on /dev/null and, where the C library can
+// close them for us, no other descriptor of the daemon (elsewhere only close-on-exec ones are
+// kept out, as with popen). Returns 0 or the error number of posix_spawnp.
 int spawnWithOutputTo(int writeFd, char* const argv[], pid_t* pid) {
-    posix_spawn_file_actions_t actions;
-    int rc = posix_spawn_file_actions_init(&actions);
+    posix_spawnattr_t attr;
+    int rc = posix_spawnattr_init(&attr);
     if (rc != 0) return rc;
+    rc = posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
+    if (rc == 0) rc = posix_spawnattr_setpgroup(&attr, 0);
+    posix_spawn_file_actions_t actions;
+    if (rc == 0) rc = posix_spawn_file_actions_init(&actions);
+    if (rc != 0) {
+        posix_spawnattr_destroy(&attr);
+        return rc;
+    }
     // The order matters when the pipe got descriptor 0, 1 or 2 because the daemon had closed
     // its own standard streams: both copies are made before descriptor 0 is replaced.
     rc = posix_spawn_file_actions_adddup2(&actions, writeFd, STDOUT_FILENO);
@@ -84,8 +154,9 @@ int spawnWithOutputTo(int writeFd, char* const argv[], pid_t* pid) {
     // Descriptors the daemon opened without close-on-exec stay out of the program too.
     if (rc == 0) rc = posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
 #endif
-    if (rc == 0) rc = posix_spawnp(pid, argv[0], &actions, nullptr, argv, environ);
+    if (rc == 0) rc = posix_spawnp(pid, argv[0], &actions, &attr, argv, environ);
     posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attr);
     return rc;
 }
 
@@ -93,6 +164,14 @@ int spawnWithOutputTo(int writeFd, char* const argv[], pid_t* pid) {
 
 void setCommandSink(CommandSink sink) {
     gSink.store(sink);
+}
+
+void setCommandTimeLimitMs(uint32_t ms) {
+    gTimeLimitMs.store(ms, std::memory_order_relaxed);
+}
+
+uint32_t commandTimeLimitMs() {
+    return gTimeLimitMs.load(std::memory_order_relaxed);
 }
 
 }  // namespace mlbd
@@ -141,6 +220,13 @@ int execnetd(const char* command) {
         return 0;
     }
     __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "SEND SLA NDC COMMAND - PASS  %s\n", command);
-    mlbd::drainAndReap(fds[0], pid);
+    const uint32_t limitMs = mlbd::commandTimeLimitMs();
+    if (!mlbd::drainAndReap(fds[0], pid, limitMs)) {
+        // It was started: the caller goes on as for any command that ran.
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                            "front-end still running after %u ms, killed with its process group: "
+                            "%s",
+                            limitMs, command);
+    }
     return 0;
 }

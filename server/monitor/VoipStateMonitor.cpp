@@ -83,8 +83,12 @@ void VoipStateMonitor::threadLoop() {
 }
 
 void VoipStateMonitor::poll() {
+    // The query runs without the monitor's lock (the client has its own), so that a stop never
+    // waits for the lock behind a query: it waits at most for the query's own time-out, when
+    // it joins the thread.
+    const int32_t sample = netlink_->GetStationInfo();
     std::lock_guard<std::mutex> guard(lock_);
-    rssi = netlink_->GetStationInfo();
+    rssi = sample;
     LOGD("rssi is %d", rssi);
     if (rssi <= kWeakSignalDbm) {
         params_->wifiRttPenaltyMs = kWeakSignalPenaltyMs;

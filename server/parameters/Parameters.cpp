@@ -122,6 +122,9 @@ const ConfKey kConfKeys[] = {
         // Selection that follows the game.
         intKey("failback_interval_s", &Parameters::failback_interval_s),
         intKey("stall_leave_ms", &Parameters::stall_leave_ms),
+        // Robustness keys beyond the base set (see Parameters.h).
+        intKey("frontend_timeout_ms", &Parameters::frontend_timeout_ms),
+        intKey("control_reaccept", &Parameters::control_reaccept),
 };
 
 }  // namespace
@@ -181,6 +184,8 @@ void Parameters::reset() {
     rtt_entry_threshold = 90;
     rtt_exit_threshold = 130;
     wifiIfaceCount = 0;
+    frontend_timeout_ms = kDefaultFrontendTimeoutMs;
+    control_reaccept = 0;
     strcpy(lastUidWhitelistProp, "0");
     memset(ifacesProp, 0, sizeof(ifacesProp));
     memset(modeProp, 0, sizeof(modeProp));
@@ -290,9 +295,14 @@ void Parameters::readMlbdConfFile(const char* path) {
         LOGE("read mlbd conf file failed!");
         return;
     }
-    // One byte more than the limit tells whether the file goes on beyond it.
-    std::string text(kMaxConfBytes + 1, '\0');
-    text.resize(fread(&text[0], 1, text.size(), file));
+    // Read as it comes, so that a short file costs only its own size; reading past the limit
+    // tells whether the file goes on beyond it.
+    std::string text;
+    char chunk[4096];
+    for (size_t got;
+         text.size() <= kMaxConfBytes && (got = fread(chunk, 1, sizeof(chunk), file)) > 0;) {
+        text.append(chunk, got);
+    }
     fclose(file);
     if (text.size() > kMaxConfBytes) {
         LOGE("%s mlbd conf file is larger than %zu bytes, the rest is ignored", "readMlbdConfFile",

@@ -211,6 +211,15 @@ class Parameters {
     mlbd::Relaxed<int32_t> failback_interval_s = 0;
     mlbd::Relaxed<int32_t> stall_leave_ms = 0;
 
+    // Robustness keys beyond the base set:
+    // "frontend_timeout_ms": the longest a packet-filter or routing front-end may run before it
+    //   is killed with its process group (default 30000; 0 or less: no limit).
+    // "control_reaccept": when not 0, the control thread accepts the next client once the one
+    //   it serves has gone; 0 (the default) serves a single client for the process's life.
+    static constexpr int32_t kDefaultFrontendTimeoutMs = 30000;
+    mlbd::Relaxed<int32_t> frontend_timeout_ms = kDefaultFrontendTimeoutMs;
+    mlbd::Relaxed<int32_t> control_reaccept = 0;
+
   private:
     friend struct ParametersTestPeer;
     std::string* interfaceString(int index);

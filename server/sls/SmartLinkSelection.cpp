@@ -16,6 +16,7 @@
 #include "iptables/IptablesManager.h"
 #include "monitor/SockDiag.h"
 #include "parameters/Parameters.h"
+#include "platform/IntervalClock.h"
 #include "sls/Tcping.h"
 #include "stats/SlaStatsImpl.h"
 
@@ -30,12 +31,6 @@ std::recursive_mutex sMutex;
 std::shared_ptr<SmartLinkSelection> sInstance;
 std::atomic<SmartLinkSelection::ThreadStarter> sThreadStarter{nullptr};
 std::atomic<SmartLinkSelection::SocketKiller> sSocketKiller{nullptr};
-
-struct timeval timeOfDay() {
-    struct timeval now;
-    gettimeofday(&now, nullptr);
-    return now;
-}
 
 void sleepMs(uint32_t ms) {
     struct timespec pause = {static_cast<time_t>(ms / 1000),
@@ -60,7 +55,7 @@ const char* nameOf(const std::shared_ptr<InterfaceRtt>& rec) {
 
 }  // namespace
 
-SmartLinkSelection::SmartLinkSelection() : clock_(&timeOfDay) {
+SmartLinkSelection::SmartLinkSelection() : clock_(&mlbd::intervalClockNow) {
     lastSwitchTime = clock_();
 }
 
@@ -241,10 +236,10 @@ const char* SmartLinkSelection::calcInterface() {
     const int32_t exit = params->rtt_exit_threshold;
     const std::shared_ptr<InterfaceRtt> prev = current;
 
-    // Hysteresis: at most n_hyst switches per t_hyst_s seconds. The arithmetic is 64-bit: in 32
-    // bits the elapsed milliseconds wrap beyond 24 days (a long quiet spell, a jump of the clock)
-    // and t_hyst_s * 1000 overflows for a large configured value, and the gate would then open
-    // or stay shut by accident.
+    // Hysteresis: at most n_hyst switches per t_hyst_s seconds, timed on the interval clock. The
+    // arithmetic is 64-bit: in 32 bits the elapsed milliseconds wrap beyond 24 days (a long quiet
+    // spell) and t_hyst_s * 1000 overflows for a large configured value, and the gate would then
+    // open or stay shut by accident.
     const struct timeval now = clock_();
     const int64_t elapsedMs = static_cast<int64_t>(now.tv_sec - lastSwitchTime.tv_sec) * 1000 +
                               static_cast<int64_t>(now.tv_usec - lastSwitchTime.tv_usec) / 1000;

@@ -55,7 +55,8 @@ class SmartLinkSelection {
                                                       std::shared_ptr<InterfaceRtt>* metered);
 
     const RttMap& records() const { return rttMap; }
-    // Test seam: the time of day the hysteresis reads.
+    // Seam for tests and tools: the clock the hysteresis reads (by default the interval clock
+    // of platform/IntervalClock.h, which never steps).
     void setClock(Clock clock) { clock_ = clock; }
 
     // Seams for running selection on a virtual clock (host tools): what starts a record's probe

@@ -209,6 +209,13 @@ TEST_F(SlsTest, HysteresisGate) {
         EXPECT_EQ(ms < 10000 ? "wlan0" : "rmnet_data0", chosen) << ms;
         EXPECT_EQ(ms >= 10000, evaluated) << ms;
     }
+    // Unless a clock is injected, the gate reads the boot-time clock, which a step of the wall
+    // clock does not move: a fresh instance's period starts on it, not on the time of day.
+    struct timespec boot;
+    clock_gettime(CLOCK_BOOTTIME, &boot);
+    const long periodStart = SmartLinkSelection().lastSwitchTime.tv_sec;
+    EXPECT_LE(std::labs(periodStart - boot.tv_sec), 1L);
+    EXPECT_GT(std::labs(periodStart - time(nullptr)), 3600L);
 }
 
 // The call's server, published by the kernel module as network-order decimals, becomes the

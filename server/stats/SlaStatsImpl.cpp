@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include "iptables/IptablesManager.h"
+#include "platform/IntervalClock.h"
 #include "platform/Platform.h"
 #include "stats/SlaStatsData.h"
 
@@ -330,8 +331,10 @@ bool SlaStatsImpl::calcSlaRatios(SLA_ratio_calc_process process, float wwanSum, 
         LOGD("LREThreshold = %f", lre);
     }
 
-    gettimeofday(&now_, nullptr);
-    const bool logRatios = now_.tv_sec - lastLogSeconds_ >= kRatioLogPeriodS;
+    // The log period is an interval: timed on the clock that never steps.
+    now_ = mlbd::intervalClockNow();
+    const bool logRatios =
+            lastLogSeconds_ == 0 || now_.tv_sec - lastLogSeconds_ >= kRatioLogPeriodS;
     if (logRatios) lastLogSeconds_ = now_.tv_sec;
 
     float remaining = 1.0f;

@@ -1,5 +1,6 @@
 #include "util/Daemon.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -54,12 +55,33 @@ pid_t startDaemon(const std::string& root, const std::string& logPath) {
     return pid;
 }
 
+namespace {
+
+// Kills every child this process has: the daemon's orphans, including front-ends that run in
+// process groups of their own.
+void killChildren() {
+    DIR* tasks = opendir("/proc/self/task");
+    if (tasks == nullptr) return;
+    while (const dirent* task = readdir(tasks)) {
+        if (task->d_name[0] == '.') continue;
+        std::ifstream children(std::string("/proc/self/task/") + task->d_name + "/children");
+        for (pid_t child; children >> child;) kill(child, SIGKILL);
+    }
+    closedir(tasks);
+}
+
+}  // namespace
+
 void stopDaemon(pid_t pid) {
     if (pid <= 0) return;
     kill(-pid, SIGKILL);
     kill(pid, SIGKILL);
-    // Every process of the group is now dying; orphans have been handed to this process.
-    while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
+    // Every process of the group is now dying; orphans have been handed to this process, and
+    // those outside the group are killed as they come.
+    for (;;) {
+        killChildren();
+        if (waitpid(-1, nullptr, 0) > 0 || errno == EINTR) continue;
+        break;
     }
 }
 

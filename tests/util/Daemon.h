@@ -3,8 +3,9 @@
 // The daemon runs the packet-filter and routing front-ends as child processes; a test that kills
 // it mid-run must also stop those, or one of them may still write into the test's MLBD_ROOT while
 // the test removes it. startDaemon() puts the daemon in a process group of its own and makes the
-// test process the reaper of its orphans; stopDaemon() kills the whole group and reaps every
-// descendant, so nothing of the run is left when it returns.
+// test process the reaper of its orphans; stopDaemon() kills the whole group and every orphan
+// (a front-end runs in a process group of its own) and reaps every descendant, so nothing of the
+// run is left when it returns.
 #pragma once
 
 #include <sys/types.h>

@@ -317,6 +317,10 @@ void NetlinkUtils::SetStationInfo(const std::string& bssid, const std::string& i
 
 int32_t NetlinkUtils::GetStationInfo() {
     std::lock_guard<std::mutex> lock(callMutex);
+    // Without the family (no Wi-Fi driver, or discovery failed) a request would only wait out
+    // the reply time-out: nothing would answer it.
+    const auto family = messageTypes.find(kNl80211FamilyName);
+    if (family == messageTypes.end() || family->second.family_id == 0) return 0;
     const uint16_t familyId = GetFamilyId();
     NL80211Packet request(familyId, kNl80211CmdGetStation, GetSequenceNumber(),
                           static_cast<uint32_t>(getpid()));
