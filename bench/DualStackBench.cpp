@@ -90,16 +90,6 @@ pid_t connectAs(const Addr& addr, int count) {
     return pid;
 }
 
-void setRatios(IptablesManager* mgr, float wlan, float cell) {
-    linkStatsWrapper_t w, c;
-    snprintf(w.interfaceName, sizeof(w.interfaceName), "wlan0");
-    snprintf(c.interfaceName, sizeof(c.interfaceName), "rmnet_data0");
-    w.interfaceRatio = wlan;
-    c.interfaceRatio = cell;
-    std::map<std::string, linkStatsWrapper_t*> wrappers = {{"wlan0", &w}, {"rmnet_data0", &c}};
-    mgr->set_SLA_ratio_iptables(wrappers);
-}
-
 // Part 1, on the emulated links without delay.
 void splitShares(Netns& net, const std::string& root, int connections) {
     const std::string ip = " && system/bin/ip-wrapper-1.0 ";
@@ -121,7 +111,7 @@ void splitShares(Netns& net, const std::string& root, int connections) {
            connections);
     int n = 0;
     for (const float share : {0.1f, 0.3f, 0.5f, 0.8f}) {
-        setRatios(mgr, share, 1.0f - share);
+        mlbd::test::setLinkRatios(mgr, share, 1.0f - share);
         ++n;  // a server address of its own per run: fd99::n, 10.99.0.n
         char v4[32], v6[32], full6[64];
         snprintf(v4, sizeof(v4), "10.99.0.%d", n);

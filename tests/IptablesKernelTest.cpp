@@ -20,6 +20,7 @@
 #include "iptables/IptablesManager.h"
 #include "platform/Platform.h"
 #include "support/ParametersTestPeer.h"
+#include "util/EmulatedLinks.h"
 #include "util/Netns.h"
 
 namespace {
@@ -150,13 +151,7 @@ class IptablesKernelTest : public ::testing::Test {
         if (!root_.empty()) Netns::run("rm -rf " + root_);
     }
     void setRatios(float wlan, float cell) {
-        linkStatsWrapper_t w, c;
-        snprintf(w.interfaceName, sizeof(w.interfaceName), "wlan0");
-        snprintf(c.interfaceName, sizeof(c.interfaceName), "rmnet_data0");
-        w.interfaceRatio = wlan;
-        c.interfaceRatio = cell;
-        std::map<std::string, linkStatsWrapper_t*> wrappers = {{"wlan0", &w}, {"rmnet_data0", &c}};
-        ASSERT_EQ(0, mgr_->set_SLA_ratio_iptables(wrappers));
+        ASSERT_EQ(0, mlbd::test::setLinkRatios(mgr_, wlan, cell));
     }
 
     Netns net_;

@@ -8,9 +8,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
+#include <map>
 
+#include "iptables/IptablesManager.h"
 #include "platform/Platform.h"
+#include "stats/LinkStats.h"
 #include "util/Daemon.h"
 
 namespace mlbd {
@@ -125,6 +129,16 @@ void EmulatedLinks::stop() {
     std::error_code ignored;
     if (!dir_.empty()) std::filesystem::remove_all(dir_, ignored);
     dir_.clear();
+}
+
+int setLinkRatios(IptablesManager* rules, float wlan, float cell) {
+    linkStatsWrapper_t w, c;
+    snprintf(w.interfaceName, sizeof(w.interfaceName), "wlan0");
+    snprintf(c.interfaceName, sizeof(c.interfaceName), "rmnet_data0");
+    w.interfaceRatio = wlan;
+    c.interfaceRatio = cell;
+    std::map<std::string, linkStatsWrapper_t*> wrappers = {{"wlan0", &w}, {"rmnet_data0", &c}};
+    return rules->set_SLA_ratio_iptables(wrappers);
 }
 
 }  // namespace test

@@ -27,6 +27,8 @@
 
 #include "util/Netns.h"
 
+class IptablesManager;
+
 namespace mlbd {
 namespace test {
 
@@ -57,6 +59,10 @@ class EmulatedLinks {
     pid_t responder_ = -1;
     std::string dir_;  // holds the control socket
 };
+
+// Programs the ratio cascade for the two emulated links, wlan0 and rmnet_data0, as a ratio
+// cycle would; the rule code's result.
+int setLinkRatios(IptablesManager* rules, float wlan, float cell);
 
 }  // namespace test
 }  // namespace mlbd
