@@ -69,7 +69,8 @@ int main() {
         logRttThresholdsIfChanged(parameters, &loggedEntry, &loggedExit);
         slaStats->evalAndSetSLAInterfaceRatio();
         SmartLinkSelection::slsChooseInterface();
-        usleep(parameters->get(OPER_MINI_EST_INTERVAL) * 1000u);
+        // A plain pause, unless a choice is wanted before the next cycle (slow_leave_checks).
+        SmartLinkSelection::sleepUntilNextCycle(parameters->get(OPER_MINI_EST_INTERVAL));
     } while (parameters->getSLAVendorProp() != 2);
 
     // Shut-down.

@@ -207,6 +207,7 @@ void SlaTcpSocketMonitor::selectServer() {
     }
     checkGamingServerConnectStatus(&busiest);
     checkGamingServerRtt(&busiest);
+    checkSlowLeave(&busiest);
     if (current != busiest.server) {
         // Address and port change together, under the store's lock; the probes pick the new
         // target up from their next cycle on.
@@ -268,8 +269,13 @@ void SlaTcpSocketMonitor::checkStallLeave(const SlsSocket* sock, bool sameRecv) 
     std::shared_ptr<SmartLinkSelection> sls = SmartLinkSelection::instance();
     // The link that carries the game counts as failed for the choice until its next good probe.
     InterfaceRtt* rec = sls->gameLinkRecord();
-    if (rec != nullptr) rec->stalled = true;
+    // With slow_leave_checks, whose choice follows at once, the link's own next probe must fail
+    // as well: after a short outage the connection may still wait out its retransmission
+    // back-off on a link that works again.
+    const bool confirm = params_->slow_leave_checks > 0;
+    if (rec != nullptr) (confirm ? rec->stallSuspect : rec->stalled) = true;
     sls->threadResume();
+    if (!confirm) SmartLinkSelection::requestChoice();
     // The choice runs from the next main-loop cycle; the connection's RTT, unchanged while it
     // is stalled, must not stop the probes again until the connection moves.
     params_->setServiceHighRtt(true);
@@ -278,6 +284,37 @@ void SlaTcpSocketMonitor::checkStallLeave(const SlsSocket* sock, bool sameRecv) 
     LOGD("checkStallLeave no ACK for %d ms with %d in flight: %s counted as failed, probing",
          static_cast<int>(sock->last_ack_recv_time), static_cast<int>(sock->unacked),
          rec != nullptr ? rec->name.c_str() : "no link");
+}
+
+void SlaTcpSocketMonitor::checkSlowLeave(const SlsSocket* sock) {
+    const int32_t checks = params_->slow_leave_checks;
+    if (checks <= 0) return;
+    std::shared_ptr<SmartLinkSelection> sls = SmartLinkSelection::existing();
+    InterfaceRtt* rec = sls ? sls->gameLinkRecord() : nullptr;
+    const int32_t rttMs = saturateToInt32(sock->rtt / 1000);
+    // The kernel's smoothed RTT of an established connection, measured over the link that
+    // carries the game since at least the previous check: the first check after a switch sees
+    // a connection that may still be the old link's.
+    const bool sameLink = rec != nullptr && rec == slowLink;
+    slowLink = rec;
+    if (!sameLink || sock->recv_cnt == 0 || rttMs <= rttThreshold) {
+        slowChecks = 0;
+        if (rec != nullptr && rec->slowEvidenceMs > 0 && (!sameLink || rttMs <= rttThreshold)) {
+            rec->slowEvidenceMs = 0;
+        }
+        return;
+    }
+    if (++slowChecks < static_cast<uint32_t>(checks)) return;
+    const bool first = rec->slowEvidenceMs == 0;
+    rec->slowEvidenceMs = rttMs;
+    if (!first) return;
+    // Probing runs meanwhile for the other links' figures, and the choice runs at once.
+    sls->threadResume();
+    params_->setServiceHighRtt(true);
+    SmartLinkSelection::requestChoice();
+    LOGD("checkSlowLeave game RTT %d ms over %s above %d ms at %u checks: the choice runs now",
+         static_cast<int>(rttMs), rec->name.c_str(), static_cast<int>(rttThreshold),
+         static_cast<unsigned>(slowChecks));
 }
 
 void SlaTcpSocketMonitor::checkGamingServerRtt(SlsSocket* sock) {

@@ -84,6 +84,8 @@ class SlaTcpSocketMonitor {
     void checkGamingServerRtt(SlsSocket* sock);
     // stall_leave_ms: a stalled connection counts its link as failed. Called with the lock held.
     void checkStallLeave(const SlsSocket* sock, bool sameRecv);
+    // slow_leave_checks: the game's own RTT as evidence about its link. Called with the lock held.
+    void checkSlowLeave(const SlsSocket* sock);
 
     // A copy of the map, keyed by destination port.
     std::unordered_map<uint64_t, SlsSocket> getSockets() const;
@@ -108,6 +110,10 @@ class SlaTcpSocketMonitor {
     uint32_t prevRttMs = 0;
     // stall_leave_ms: the current stall has been reported to the choice.
     bool stallLeaveReported = false;
+    // slow_leave_checks: checks in a row that found the game's RTT above the exit threshold, on
+    // the link recorded beside them.
+    uint32_t slowChecks = 0;
+    const void* slowLink = nullptr;
     Parameters* const params_;
     const DumpSource source_;
 };

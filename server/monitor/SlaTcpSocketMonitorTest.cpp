@@ -146,7 +146,57 @@ TEST(SlaTcpSocketMonitorTest, StallLeave) {
     EXPECT_TRUE(link->stalled);
     link->setSpeed(25);
     EXPECT_FALSE(link->stalled);
+    // With slow_leave_checks the stall waits for the link's own probe: a success clears it, a
+    // miss confirms it and wants a choice at once.
+    params->slow_leave_checks = 1;
+    for (int probe : {25, -1}) {
+        SlaTcpSocketMonitor::SlsSocket s = {9, 6, {}, 0, 0, 20000, 0, 0, 1, {}};
+        m.locked([&] { m.checkGamingServerConnectStatus(&s); });  // the last stall ends
+        s.last_ack_recv_time = 5000;
+        m.locked([&] { m.checkGamingServerConnectStatus(&s); });
+        SmartLinkSelection::takeChoiceRequest();
+        EXPECT_TRUE(link->stallSuspect && !link->stalled);
+        link->setSpeed(probe);
+        EXPECT_EQ(probe < 0, link->stalled && SmartLinkSelection::takeChoiceRequest());
+        EXPECT_FALSE(link->stallSuspect);
+    }
+    params->slow_leave_checks = 0;
     params->stall_leave_ms = 0;
+    params->setServiceHighRtt(false);
+    record->running = false;
+}
+
+// slow_leave_checks: the game's own RTT above the exit threshold at that many checks in a row,
+// on the link that carried it since the check before, becomes that link's figure for the choice,
+// which is wanted at once (once); an RTT back under the threshold, or another link, clears it.
+TEST(SlaTcpSocketMonitorTest, SlowLeave) {
+    gameSetup();
+    params->rtt_exit_threshold = 130;
+    TestMonitor m;
+    auto other = std::make_shared<InterfaceRtt>("lo2", "", 5, 500, 0);
+    SmartLinkSelection::instance()->chosenRecord = record.get();
+    SmartLinkSelection::takeChoiceRequest();
+    // Key, the game's link, its RTT (ms): that link's evidence and whether a choice is wanted.
+    const std::tuple<int32_t, InterfaceRtt*, uint32_t, int32_t, bool> rows[] = {
+            {0, record.get(), 300, 0, false},  // no key
+            {1, record.get(), 300, 0, false},  // the link is new to the check
+            {1, record.get(), 300, 300, true}, {1, record.get(), 250, 250, false},
+            {1, record.get(), 130, 0, false},  // at the threshold: cleared
+            {2, record.get(), 300, 0, false},  {2, record.get(), 300, 300, true},
+            {2, other.get(), 300, 0, false},  // the game moved: nothing yet on the new link
+            {2, other.get(), 300, 0, false},   {2, other.get(), 300, 300, true},
+    };
+    for (const auto& [key, link, rttMs, evidence, wanted] : rows) {
+        params->slow_leave_checks = key;
+        SmartLinkSelection::instance()->chosenRecord = link;
+        SlaTcpSocketMonitor::SlsSocket s = {9, 5, {}, 0, 0, rttMs * 1000 + 999, 0, 10, 0, {}};
+        m.locked([&] { m.checkSlowLeave(&s); });
+        EXPECT_EQ(evidence, link->slowEvidenceMs) << key << " " << rttMs;
+        EXPECT_EQ(wanted, SmartLinkSelection::takeChoiceRequest()) << key << " " << rttMs;
+    }
+    other->setSpeed(40);  // a good probe clears it too
+    EXPECT_EQ(0, other->slowEvidenceMs);
+    params->slow_leave_checks = 0;
     params->setServiceHighRtt(false);
     record->running = false;
 }

@@ -122,6 +122,7 @@ const ConfKey kConfKeys[] = {
         // Selection that follows the game.
         intKey("failback_interval_s", &Parameters::failback_interval_s),
         intKey("stall_leave_ms", &Parameters::stall_leave_ms),
+        intKey("slow_leave_checks", &Parameters::slow_leave_checks),
         // Robustness keys beyond the base set (see Parameters.h).
         intKey("frontend_timeout_ms", &Parameters::frontend_timeout_ms),
         intKey("control_reaccept", &Parameters::control_reaccept),
@@ -194,6 +195,7 @@ void Parameters::reset() {
     rttServer6.clear();
     failback_interval_s = 0;
     stall_leave_ms = 0;
+    slow_leave_checks = 0;
     readMlbdConfFile(mlbd::devicePath(MLBD_CONF_PATH).c_str());
     rttServerDefault = getGamingRttServer();
     in6_addr parsed;

@@ -28,6 +28,7 @@ class Relaxed {
         return *this;
     }
     // Read-modify-write steps are atomic as a whole.
+    T exchange(T value) { return value_.exchange(value, std::memory_order_relaxed); }
     T operator++() { return value_.fetch_add(1, std::memory_order_relaxed) + 1; }
     T operator--() { return value_.fetch_sub(1, std::memory_order_relaxed) - 1; }
     T operator+=(T delta) { return value_.fetch_add(delta, std::memory_order_relaxed) + delta; }

@@ -8,6 +8,7 @@
 #include <algorithm>
 
 #include "parameters/Parameters.h"
+#include "sls/SmartLinkSelection.h"
 
 #define LOG_TAG "Mlbd-SlaPing"
 #define LOGD(...) __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, __VA_ARGS__)
@@ -35,7 +36,17 @@ int InterfaceRtt::setSpeed(int raw) {
     const uint32_t alpha = static_cast<uint32_t>(params->alpha_percent.load());
     const char* iface = name.c_str();
     std::lock_guard<std::mutex> lock(historyMutex_);
-    if (raw != -1) stalled = false;
+    const bool measured = raw != -1;
+    if (measured) {
+        stalled = false;
+        stallSuspect = false;
+        slowEvidenceMs = 0;
+    } else if (stallSuspect.exchange(false)) {
+        // The link's own probe failed too: the stall is the link's, not the game server's.
+        stalled = true;
+        LOGE("%s: SLA_PING stall of the game's connection confirmed on %s", "setSpeed", iface);
+        SmartLinkSelection::requestChoice();
+    }
 
     // A record made with min_ping_times 1 takes every result as it comes.
     if (minPingTimes == 1) {
@@ -61,12 +72,19 @@ int InterfaceRtt::setSpeed(int raw) {
     if (missCount_ >= limit) {
         speed = -1;
         prevSpeed_ = kInitialPrevSpeed;
+        unmeasured_ = true;
         LOGD("%s: SLA_PING Ping FAIL for RTT interface (%s) (calc = %d) (old speed = %d) (new prev "
              "= %d) (alpha_percent = %d)",
              "setSpeed", iface, -1, raw, kInitialPrevSpeed, alpha);
         return 0;
     }
 
+    // With slow_leave_checks set, a first measurement is taken as it is: smoothed against the
+    // made-up 1000 ms it would need three more probes to reach the link's real figure.
+    if (measured && unmeasured_) {
+        if (params->slow_leave_checks > 0) prevSpeed_ = raw;
+        unmeasured_ = false;
+    }
     // Products in 32 bits, two truncating unsigned divisions: 1000 and 35 at 60 % give 400 + 21.
     const uint32_t kept = static_cast<uint32_t>(prevSpeed_) * (100u - alpha) / 100u;
     const uint32_t added = static_cast<uint32_t>(raw) * alpha / 100u;

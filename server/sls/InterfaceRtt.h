@@ -59,9 +59,29 @@ class InterfaceRtt {
     // The game's own connection over this link stalled (stall_leave_ms): the choice treats the
     // link as failed until its next good probe.
     mlbd::Relaxed<bool> stalled{false};
+    // The game's own round-trip time over this link (ms) while it stays above the exit threshold
+    // (slow_leave_checks), 0 otherwise: the choice takes it when it is worse than the speed.
+    // Written by the socket monitor, cleared by the next good probe as well.
+    mlbd::Relaxed<int32_t> slowEvidenceMs{0};
+    // The game's connection over this link stalled, to be confirmed by the link's next probe
+    // (slow_leave_checks): a miss marks the link stalled and asks for a choice at once.
+    mlbd::Relaxed<bool> stallSuspect{false};
+    // One probe is wanted although probing is stopped (the figure is refreshed).
+    mlbd::Relaxed<bool> probeOnce{false};
+
+    // The figure the choice uses: the speed, or the game's own worse RTT over the link.
+    int32_t choiceSpeed() const {
+        const int32_t s = speed;
+        const int32_t e = slowEvidenceMs;
+        return s >= 1 && e > s ? e : s;
+    }
+    // Probe-thread side: whether to probe in this cycle (takes a wanted single probe).
+    bool takeProbeTurn() { return alive && (running || probeOnce.exchange(false)); }
 
   private:
     mutable std::mutex historyMutex_;
     uint32_t missCount_ = 0;
     int32_t prevSpeed_ = 1000;
+    // No result yet, or the last one ended in failure: prevSpeed_ is the made-up start value.
+    bool unmeasured_ = true;
 };

@@ -11,6 +11,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 
 #include "iptables/IptablesManager.h"
@@ -31,6 +33,10 @@ std::recursive_mutex sMutex;
 std::shared_ptr<SmartLinkSelection> sInstance;
 std::atomic<SmartLinkSelection::ThreadStarter> sThreadStarter{nullptr};
 std::atomic<SmartLinkSelection::SocketKiller> sSocketKiller{nullptr};
+// A choice wanted before the main loop's next cycle.
+std::mutex sChoiceMutex;
+std::condition_variable sChoiceWake;
+bool sChoiceWanted = false;
 
 void sleepMs(uint32_t ms) {
     struct timespec pause = {static_cast<time_t>(ms / 1000),
@@ -173,7 +179,7 @@ void* makeRawPingFunc(void* arg) {
     Tcping tcping;
 
     do {
-        if (rec->running && rec->alive) {
+        if (rec->takeProbeTurn()) {
             // The target may have moved to the game's or the call's server.
             params->getRttTarget(&server, &port);
             info.server = server.c_str();
@@ -194,7 +200,7 @@ std::shared_ptr<InterfaceRtt> SmartLinkSelection::getFastestInterface(
     int32_t best = 0, bestUnmetered = 0, bestMetered = 0;
     for (const auto& entry : rttMap) {
         const std::shared_ptr<InterfaceRtt>& rec = entry.second;
-        const int32_t speed = rec->speed;
+        const int32_t speed = rec->choiceSpeed();
         if (speed < 1 || rec->stalled) continue;  // failed or not measured yet
         // Less-or-equal: among equal speeds the later name wins.
         if (isUnmeteredLink(*rec)) {
@@ -256,7 +262,7 @@ const char* SmartLinkSelection::calcInterface() {
         LOGE("%s SLA_RTT Fastest Interface returned NULL", kFn);
         return nullptr;
     }
-    const int32_t c = current && !current->stalled ? current->speed.load() : -1;
+    const int32_t c = current && !current->stalled ? current->choiceSpeed() : -1;
 
     // Case 0: an acceptable, unmetered Wi-Fi link is kept without further ado.
     if (current && c <= exit && !current->isMetered() && startsWith(current->name, "wlan") &&
@@ -266,8 +272,8 @@ const char* SmartLinkSelection::calcInterface() {
         return nameOf(current);
     }
 
-    const int32_t u = unmetered ? unmetered->speed.load() : 2147483647;
-    const int32_t m = metered ? metered->speed.load() : 2147483647;
+    const int32_t u = unmetered ? unmetered->choiceSpeed() : 2147483647;
+    const int32_t m = metered ? metered->choiceSpeed() : 2147483647;
     if (c > exit || c < 0) {
         // Case 1: the current link is too slow, has failed, or there is none.
         if (u < exit) {
@@ -319,6 +325,9 @@ const char* SmartLinkSelection::calcInterface() {
             (params->failback_interval_s > 0 || params->stall_leave_ms > 0)) {
             LOGE("%s SLA_RTT_SELECTED %s already carries the game: no socket reset", kFn,
                  nameOf(current));
+            // Nor does it count against the hysteresis: the game has not moved, and its first
+            // real move must not wait t_hyst_s because of it.
+            --switchCount;
             return nameOf(current);
         }
         SocketKiller killer = sSocketKiller.load(std::memory_order_relaxed);
@@ -340,6 +349,34 @@ void SmartLinkSelection::slsChooseInterface() {
     } else if (params->failback_interval_s > 0) {
         sls->checkFailback();
     }
+    if (params->slow_leave_checks > 0 && params->isGamingRunning()) sls->refreshOtherLinks();
+}
+
+void SmartLinkSelection::requestChoice() {
+    {
+        std::lock_guard<std::mutex> lock(sChoiceMutex);
+        sChoiceWanted = true;
+    }
+    sChoiceWake.notify_all();
+}
+
+bool SmartLinkSelection::takeChoiceRequest() {
+    std::lock_guard<std::mutex> lock(sChoiceMutex);
+    const bool wanted = sChoiceWanted;
+    sChoiceWanted = false;
+    return wanted;
+}
+
+void SmartLinkSelection::sleepUntilNextCycle(uint32_t ms) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    std::unique_lock<std::mutex> lock(sChoiceMutex);
+    while (sChoiceWake.wait_until(lock, deadline, [] { return sChoiceWanted; })) {
+        sChoiceWanted = false;
+        lock.unlock();
+        LOGD("%s SLA_RTT choice wanted before the next cycle", "sleepUntilNextCycle");
+        slsChooseInterface();
+        lock.lock();
+    }
 }
 
 namespace {
@@ -353,12 +390,32 @@ int64_t msBetween(const struct timeval& from, const struct timeval& to) {
 // before the game returns to it; and how long one probe window lasts when it does not.
 constexpr int64_t kFailbackSustainMs = 3000;
 constexpr int64_t kFailbackWindowMs = 6000;
+// How old the figure of a link that does not carry the game may grow (slow_leave_checks).
+constexpr int64_t kRefreshMs = 15000;
 
 }  // namespace
 
 InterfaceRtt* SmartLinkSelection::gameLinkRecord() const {
     InterfaceRtt* rec = chosenRecord;
     return rec != nullptr ? rec : defaultRecord_;
+}
+
+void SmartLinkSelection::refreshOtherLinks() {
+    const struct timeval now = clock_();
+    const InterfaceRtt* game = gameLinkRecord();
+    for (const auto& entry : rttMap) {
+        InterfaceRtt& rec = *entry.second;
+        if (rec.running) continue;
+        // The game's own link is measured once (so that the choice knows it before the game's
+        // connection has given evidence about it); after that its connection tells.
+        const auto last = refreshedAt.find(entry.first);
+        if (last != refreshedAt.end() &&
+            (&rec == game || msBetween(last->second, now) < kRefreshMs)) {
+            continue;
+        }
+        refreshedAt[entry.first] = now;
+        rec.probeOnce = true;
+    }
 }
 
 void SmartLinkSelection::checkFailback() {
@@ -403,11 +460,11 @@ void SmartLinkSelection::checkFailback() {
     std::shared_ptr<InterfaceRtt> best;
     for (const auto& entry : rttMap) {
         const std::shared_ptr<InterfaceRtt>& rec = entry.second;
-        if (!isUnmeteredLink(*rec) || rec->speed < 1 || rec->stalled) continue;
-        if (!best || rec->speed <= best->speed) best = rec;
+        if (!isUnmeteredLink(*rec) || rec->choiceSpeed() < 1 || rec->stalled) continue;
+        if (!best || rec->choiceSpeed() <= best->choiceSpeed()) best = rec;
     }
     const bool good =
-            best && best->speed < params->rtt_entry_threshold && best->getMissCount() == 0;
+            best && best->choiceSpeed() < params->rtt_entry_threshold && best->getMissCount() == 0;
     bool done = false;
     if (!good) {
         failbackGood = false;

@@ -83,6 +83,17 @@ class SmartLinkSelection {
     InterfaceRtt* gameLinkRecord() const;
     // The chosen link's record, written at each switch (null before the first).
     mlbd::Relaxed<InterfaceRtt*> chosenRecord{nullptr};
+    // slow_leave_checks: a choice wanted before the next main-loop cycle (any thread), and the
+    // main loop's pause between cycles, which runs such a choice on the main loop as soon as it
+    // is wanted. Without requests the pause is a plain sleep of `ms`.
+    static void requestChoice();
+    static void sleepUntilNextCycle(uint32_t ms);
+    // Takes a pending request (true once per request); for drivers with a loop of their own.
+    static bool takeChoiceRequest();
+    // Main loop only: while a game runs, one probe now and then of each link that does not
+    // carry it, so that its figure is fresh when the game must leave its link.
+    void refreshOtherLinks();
+    std::map<std::string, struct timeval> refreshedAt;
     // Main loop only: the return to an unmetered link. Armed while the choice sits on a metered
     // link; a probe window opens every failback_interval_s seconds.
     void checkFailback();

@@ -294,6 +294,48 @@ TEST_F(SlsTest, FailbackToUnmeteredLink) {
 
 // Once the rules are torn down, a switch neither moves the choice nor resets any socket. (Last:
 // the teardown is for the life of the process.)
+// slow_leave_checks: a first measurement is not smoothed against the made-up 1000 ms, the
+// game's own RTT on its link counts for the choice, and while the probes are stopped every link
+// is probed once, and those that do not carry the game every 15 s.
+TEST_F(SlsTest, SlowLeaveFirstSamplesEvidenceAndRefresh) {
+    const std::tuple<int32_t, std::vector<int>, int32_t> samples[] = {
+            {0, {60}, 436},     {1, {60}, 60}, {1, {-1, 60}, 60}, {1, {-1, -1, -1, -1, -1, 40}, 40},
+            {1, {60, 100}, 84},
+    };
+    for (const auto& [key, raws, speed] : samples) {
+        params_->slow_leave_checks = key;
+        InterfaceRtt r("wlan0", "", 5, 500, 0);
+        for (int raw : raws) r.setSpeed(raw);
+        EXPECT_EQ(speed, r.speed) << key << " " << raws.size();
+    }
+
+    params_->setServiceHighRtt(true);
+    rec("wlan0")->speed = 20;
+    rec("rmnet_data0")->speed = 60;
+    sls_->current = rec("wlan0");
+    EXPECT_STREQ("wlan0", sls_->calcInterface());
+    rec("wlan0")->slowEvidenceMs = 300;
+    EXPECT_STREQ("rmnet_data0", sls_->calcInterface());
+
+    params_->setServiceHighRtt(false);
+    params_->setGamingRunning(true);
+    sls_->threadStop();
+    const struct timeval base = gNow;
+    // Seconds after the switch: the links wanting a probe (the game is on rmnet_data0).
+    const std::pair<long, const char*> steps[] = {
+            {0, "ccmni0,rmnet_data0,wlan0,wlan1,"}, {10, ""}, {15, "ccmni0,wlan0,wlan1,"}};
+    for (const auto& [atS, wanted] : steps) {
+        gNow = {base.tv_sec + atS, 0};
+        SmartLinkSelection::slsChooseInterface();
+        std::string names;
+        for (const auto& [name, r] : sls_->rttMap)
+            names += r->probeOnce.exchange(false) ? name + "," : "";
+        EXPECT_EQ(wanted, names) << atS;
+    }
+    params_->setGamingRunning(false);
+    params_->slow_leave_checks = 0;
+}
+
 TEST_F(SlsTest, NoSwitchOnceTheRulesAreGone) {
     IptablesManager::instance();
     IptablesManager::clean_SLM_iptables();

@@ -73,6 +73,7 @@ enum EventType {
     kCallStart,
     kCallEnd,
     kLoopTick,
+    kChoice,  // a choice wanted before the next cycle, run by the main loop's pause
     kMonitorPoll,
     kVoipSample,
     kProbeCheck,
@@ -442,6 +443,7 @@ void Sim::handle(const Event& e) {
             // What starting selection for the game does, without the rules being run and with
             // the monitor's thread and the probe threads replaced by virtual ones.
             takeGame();
+            SmartLinkSelection::takeChoiceRequest();  // none left from an earlier trace
             IptablesManager* rules = IptablesManager::instance();
             rules->setup_slm_whitelist();
             rules->setup_SLS_iptables_UID_chains();
@@ -495,7 +497,8 @@ void Sim::handle(const Event& e) {
             }
             break;
         }
-        case kLoopTick: {
+        case kLoopTick:
+        case kChoice: {
             gTid = kMainTid;
             SmartLinkSelection::slsChooseInterface();
             const bool switched = sls_ && sls_->current != lastCurrent_;
@@ -505,6 +508,7 @@ void Sim::handle(const Event& e) {
                 lastCurrent_ = sls_->current;
             }
             noteSteering();
+            if (e.type == kChoice) break;
             const int64_t period = std::max<uint32_t>(1, params_->get(OPER_MINI_EST_INTERVAL));
             schedule(gNowUs + period * kMs + options_.loopCostUs +
                              (switched ? options_.switchCostUs : 0),
@@ -516,6 +520,8 @@ void Sim::handle(const Event& e) {
             gTid = kMonitorTid;
             monitor_->poll();
             monitor_->selectServer();
+            if (SmartLinkSelection::takeChoiceRequest())
+                schedule(gNowUs + options_.loopCostUs, kChoice);
             schedule(gNowUs + kSecond + options_.monitorCostUs, kMonitorPoll);
             break;
         case kVoipSample: {
@@ -538,7 +544,7 @@ void Sim::handle(const Event& e) {
         case kProbeCheck: {
             VirtualThread& t = threads_[static_cast<size_t>(e.a)];
             gTid = kProbeTid0 + static_cast<int>(e.a);
-            if (t.rec->running && t.rec->alive) {
+            if (t.rec->takeProbeTurn()) {
                 std::string server;
                 int32_t port = 0;
                 params_->getRttTarget(&server, &port);

@@ -37,10 +37,12 @@ GRID = {
     "t_hyst_s": [0, 5, 30],
     "failback_interval_s": [0, 10, 20, 30, 60],
     "stall_leave_ms": [0, 1500, 2000, 2500, 3000],
+    "slow_leave_checks": [0, 1, 2, 3],
 }
 DEFAULTS = {"alpha_percent": 60, "min_ping_times": 5, "ping_interval_ms": 500,
             "mini_est_interval": 1000, "rtt_entry_threshold": 90, "rtt_exit_threshold": 130,
-            "n_hyst": 1, "t_hyst_s": 0, "failback_interval_s": 0, "stall_leave_ms": 0}
+            "n_hyst": 1, "t_hyst_s": 0, "failback_interval_s": 0, "stall_leave_ms": 0,
+            "slow_leave_checks": 0}
 
 
 def pct(values, p):
