@@ -4,6 +4,8 @@
   agree.py MLBD_REPLAY TRACE DIR      one scenario: DIR holds play.log and mlbd.log of the live run;
                                       prints a JSON result
   agree.py --table RESULT.json...     the agreement table (Markdown)
+  agree.py --trials RESULT.json...    live times to leave and to return per scenario over repeated
+                                      runs: median and worst against the trace's expectations
 """
 import json
 import os
@@ -123,7 +125,8 @@ def one(replay, trace, dir_):
            for s in summary["switch_list"]]
     same = [s[1] for s in switches] == [s[1] for s in rep]
     diff = max((abs(a[0] - b[0]) for a, b in zip(switches, rep)), default=0.0) if same else None
-    return {"scenario": os.path.basename(trace)[:-len(".trace")], "sls_start_s": sls_ms / 1000,
+    return {"scenario": os.path.basename(trace)[:-len(".trace")], "trace": os.path.abspath(trace),
+            "sls_start_s": sls_ms / 1000,
             "loop_phase_ms": phase, "probe_phase_ms": probe_phase, "costs_ms": costs, "live": switches, "replay": rep, "same_order": same,
             "max_diff_s": diff}
 
@@ -146,9 +149,58 @@ def table(paths):
               f"{'yes' if r['same_order'] else 'NO'} | {diff} |")
 
 
+EXPECT = re.compile(r"^expect (leave|return) (\S+) at ([\d.]+)s(?: until ([\d.]+)s)?")
+STAY = re.compile(r"^expect stay(?: until ([\d.]+)s)?")
+
+
+def trials(paths):
+    """Per scenario and expectation: the live time from the event to the switch that does it."""
+    rows = {}
+    for p in paths:
+        try:
+            with open(p) as f:
+                r = json.load(f)
+        except (OSError, ValueError):
+            continue
+        if "error" in r or "trace" not in r:
+            rows.setdefault((os.path.basename(os.path.dirname(p)).split(".")[0], "run"), []).append(None)
+            continue
+        with open(r["trace"]) as f:
+            lines = f.read().splitlines()
+        for line in lines:
+            m = EXPECT.match(line)
+            stay = STAY.match(line)
+            if stay:
+                until = float(stay.group(1)) if stay.group(1) else float("inf")
+                n = sum(1 for t, _ in r["live"][1:] if t < until)
+                rows.setdefault((r["scenario"], "false switches"), []).append(n)
+            if not m:
+                continue
+            kind, link, at = m.group(1), m.group(2), float(m.group(3))
+            until = float(m.group(4)) if m.group(4) else float("inf")
+            got = None
+            for t, to in r["live"]:
+                if at <= t < until and ((to != link) if kind == "leave" else (to == link)):
+                    got = t - at
+                    break
+            rows.setdefault((r["scenario"], kind), []).append(got)
+    print("| Scenario | Measure | Trials | Median s | Worst s | Missed |")
+    print("|---|---|---|---|---|---|")
+    for (scenario, kind), values in sorted(rows.items()):
+        got = sorted(v for v in values if v is not None)
+        med = f"{got[len(got) // 2]:.2f}" if got else "-"
+        if len(got) % 2 == 0 and got:
+            med = f"{(got[len(got) // 2 - 1] + got[len(got) // 2]) / 2:.2f}"
+        worst = f"{got[-1]:.2f}" if got else "-"
+        print(f"| {scenario} | {kind} | {len(values)} | {med} | {worst} | "
+              f"{sum(v is None for v in values)} |")
+
+
 if __name__ == "__main__":
     if len(sys.argv) > 1 and sys.argv[1] == "--table":
         table(sys.argv[2:])
+    elif len(sys.argv) > 1 and sys.argv[1] == "--trials":
+        trials(sys.argv[2:])
     elif len(sys.argv) == 4:
         print(json.dumps(one(*sys.argv[1:])))
     else:

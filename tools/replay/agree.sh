@@ -5,6 +5,9 @@
 #
 # AGREE_CONF=FILE runs the daemon and the replay with that configuration instead of the built-in
 # defaults (e.g. AGREE_CONF=etc/mlbd.conf for the shipped one).
+# AGREE_TRIALS=N runs each trace N times (AGREE_JOBS=K of them at once, each in namespaces of its
+# own; the daemon mostly sleeps, so 3 at once on 2 cores keep their timing) and ends with the
+# live times to leave and to return, median and worst over the trials (agree.py --trials).
 #
 # For each trace: in a private network namespace joined to a peer namespace by the link emulator
 # (as tools/run-host.sh does), the real daemon (build/mlbd, built-in defaults) selects links for a
@@ -92,9 +95,11 @@ if [ ${#traces[@]} -eq 0 ]; then
     done
 fi
 mkdir -p "$out"
-for trace in "${traces[@]}"; do
+trials="${AGREE_TRIALS:-1}"
+jobs="${AGREE_JOBS:-1}"
+run_one() {
+    local trace="$1" dir="$2" name root
     name="$(basename "$trace" .trace)"
-    dir="$out/$name"
     rm -rf "$dir" && mkdir -p "$dir"
     root="$(mktemp -d /tmp/mlbd-agree.XXXXXX)"
     mkdir -p "$root/vendor/etc/sla" "$root/properties" "$root/dev/socket" "$root/proc/sla" \
@@ -114,5 +119,19 @@ for trace in "${traces[@]}"; do
     rm -rf "$root"
     python3 "$here/tools/replay/agree.py" "$build/tools/mlbd-replay" "$trace" "$dir" \
         >"$dir/result.json" || true
+}
+results=()
+for trace in "${traces[@]}"; do
+    name="$(basename "$trace" .trace)"
+    for ((i = 1; i <= trials; i++)); do
+        dir="$out/$name"
+        [ "$trials" -gt 1 ] && dir="$out/$name.$i"
+        results+=("$dir/result.json")
+        while [ "$(jobs -rp | wc -l)" -ge "$jobs" ]; do wait -n || true; done
+        run_one "$trace" "$dir" &
+    done
 done
-python3 "$here/tools/replay/agree.py" --table "$out"/*/result.json
+wait
+python3 "$here/tools/replay/agree.py" --table "${results[@]}"
+[ "$trials" -gt 1 ] && python3 "$here/tools/replay/agree.py" --trials "${results[@]}"
+exit 0
