@@ -132,9 +132,40 @@ void SlaTcpSocketMonitor::waitForNextPoll() {
     if (!running) return;
     if (paused) {
         wakeUp_.wait(guard);
-    } else {
-        wakeUp_.wait_for(guard, std::chrono::milliseconds(pollIntervalMs));
+        return;
     }
+    const Clock::time_point start = Clock::now();
+    for (int64_t at = kQuickCheckMs; at < pollIntervalMs && slowWatching(); at += kQuickCheckMs) {
+        if (wakeUp_.wait_until(guard, start + std::chrono::milliseconds(at),
+                               [this] { return !running || paused; })) {
+            return;
+        }
+        guard.unlock();
+        poll();
+        quickCheck();
+        guard.lock();
+    }
+    wakeUp_.wait_until(guard, start + std::chrono::milliseconds(pollIntervalMs));
+}
+
+bool SlaTcpSocketMonitor::slowWatching() const {
+    return params_->slow_leave_checks > 0 && slowLastRttMs > rttThreshold / 2 &&
+           slowChecks < static_cast<uint32_t>(params_->slow_leave_checks.load());
+}
+
+void SlaTcpSocketMonitor::quickCheck() {
+    std::lock_guard<std::mutex> guard(lock_);
+    SlsSocket sock{};
+    if (busiest(&sock)) checkSlowLeave(&sock);
+}
+
+bool SlaTcpSocketMonitor::busiest(SlsSocket* sock) const {
+    if (sockets.empty()) return false;
+    *sock = sockets.begin()->second;
+    for (const auto& entry : sockets) {
+        if (entry.second.sent_cnt >= sock->sent_cnt) *sock = entry.second;
+    }
+    return true;
 }
 
 void SlaTcpSocketMonitor::poll() {
@@ -198,13 +229,9 @@ void SlaTcpSocketMonitor::updateSocketStats(Clock::time_point now, const inet_di
 
 void SlaTcpSocketMonitor::selectServer() {
     std::lock_guard<std::mutex> guard(lock_);
-    if (sockets.empty()) return;
+    SlsSocket busiest{};
+    if (!this->busiest(&busiest)) return;
     const std::string current = params_->getGamingRttServer();
-    // Among equal counts the entry met last wins.
-    SlsSocket busiest = sockets.begin()->second;
-    for (const auto& entry : sockets) {
-        if (entry.second.sent_cnt >= busiest.sent_cnt) busiest = entry.second;
-    }
     checkGamingServerConnectStatus(&busiest);
     checkGamingServerRtt(&busiest);
     checkSlowLeave(&busiest);
@@ -297,6 +324,7 @@ void SlaTcpSocketMonitor::checkSlowLeave(const SlsSocket* sock) {
     // a connection that may still be the old link's.
     const bool sameLink = rec != nullptr && rec == slowLink;
     slowLink = rec;
+    slowLastRttMs = sameLink && sock->recv_cnt > 0 ? rttMs : 0;
     if (!sameLink || sock->recv_cnt == 0 || rttMs <= rttThreshold) {
         slowChecks = 0;
         if (rec != nullptr && rec->slowEvidenceMs > 0 && (!sameLink || rttMs <= rttThreshold)) {

@@ -78,6 +78,9 @@ class SlaTcpSocketMonitor {
                            const android::net::tcp_info_ext* info, uint32_t len);
     // Picks the busiest connection, runs the two checks on it and makes it the probe target.
     void selectServer();
+    // The busiest connection (most segments sent; among equal counts the entry met last), false
+    // when the map is empty. Called with the lock held.
+    bool busiest(SlsSocket* sock) const;
     // Stall detection on (a copy of) the busiest connection. Called with the lock held.
     void checkGamingServerConnectStatus(SlsSocket* sock);
     // RTT-based start and stop of probing. Called with the lock held.
@@ -86,6 +89,12 @@ class SlaTcpSocketMonitor {
     void checkStallLeave(const SlsSocket* sock, bool sameRecv);
     // slow_leave_checks: the game's own RTT as evidence about its link. Called with the lock held.
     void checkSlowLeave(const SlsSocket* sock);
+    // slow_leave_checks: while the game's RTT on its link has risen past half the exit threshold
+    // without being taken as evidence yet, the monitor checks it every kQuickCheckMs between its
+    // polls (quickCheck: a dump and checkSlowLeave on the busiest connection only).
+    static constexpr int64_t kQuickCheckMs = 250;
+    bool slowWatching() const;
+    void quickCheck();
 
     // A copy of the map, keyed by destination port.
     std::unordered_map<uint64_t, SlsSocket> getSockets() const;
@@ -114,6 +123,7 @@ class SlaTcpSocketMonitor {
     // the link recorded beside them.
     uint32_t slowChecks = 0;
     const void* slowLink = nullptr;
+    int32_t slowLastRttMs = 0;
     Parameters* const params_;
     const DumpSource source_;
 };

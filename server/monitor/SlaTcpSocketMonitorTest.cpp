@@ -176,23 +176,29 @@ TEST(SlaTcpSocketMonitorTest, SlowLeave) {
     auto other = std::make_shared<InterfaceRtt>("lo2", "", 5, 500, 0);
     SmartLinkSelection::instance()->chosenRecord = record.get();
     SmartLinkSelection::takeChoiceRequest();
-    // Key, the game's link, its RTT (ms): that link's evidence and whether a choice is wanted.
-    const std::tuple<int32_t, InterfaceRtt*, uint32_t, int32_t, bool> rows[] = {
-            {0, record.get(), 300, 0, false},  // no key
-            {1, record.get(), 300, 0, false},  // the link is new to the check
-            {1, record.get(), 300, 300, true}, {1, record.get(), 250, 250, false},
-            {1, record.get(), 130, 0, false},  // at the threshold: cleared
-            {2, record.get(), 300, 0, false},  {2, record.get(), 300, 300, true},
-            {2, other.get(), 300, 0, false},  // the game moved: nothing yet on the new link
-            {2, other.get(), 300, 0, false},   {2, other.get(), 300, 300, true},
+    // Key, the game's link, its RTT (ms): that link's evidence, whether a choice is wanted, and
+    // whether quick checks run until the next poll (past half the exit threshold, no evidence).
+    const std::tuple<int32_t, InterfaceRtt*, uint32_t, int32_t, bool, bool> rows[] = {
+            {0, record.get(), 300, 0, false, false},  // no key
+            {1, record.get(), 300, 0, false, false},  // the link is new to the check
+            {1, record.get(), 300, 300, true, false},
+            {1, record.get(), 250, 250, false, false},
+            {1, record.get(), 130, 0, false, true},  // at the threshold: cleared
+            {1, record.get(), 65, 0, false, false},
+            {2, record.get(), 300, 0, false, true},
+            {2, record.get(), 300, 300, true, false},
+            {2, other.get(), 300, 0, false, false},  // the game moved: nothing yet on the new link
+            {2, other.get(), 300, 0, false, true},
+            {2, other.get(), 300, 300, true, false},
     };
-    for (const auto& [key, link, rttMs, evidence, wanted] : rows) {
+    for (const auto& [key, link, rttMs, evidence, wanted, watching] : rows) {
         params->slow_leave_checks = key;
         SmartLinkSelection::instance()->chosenRecord = link;
         SlaTcpSocketMonitor::SlsSocket s = {9, 5, {}, 0, 0, rttMs * 1000 + 999, 0, 10, 0, {}};
         m.locked([&] { m.checkSlowLeave(&s); });
         EXPECT_EQ(evidence, link->slowEvidenceMs) << key << " " << rttMs;
         EXPECT_EQ(wanted, SmartLinkSelection::takeChoiceRequest()) << key << " " << rttMs;
+        m.locked([&, w = watching] { EXPECT_EQ(w, m.slowWatching()) << rttMs; });
     }
     other->setSpeed(40);  // a good probe clears it too
     EXPECT_EQ(0, other->slowEvidenceMs);

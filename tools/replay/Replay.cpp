@@ -75,6 +75,7 @@ enum EventType {
     kLoopTick,
     kChoice,  // a choice wanted before the next cycle, run by the main loop's pause
     kMonitorPoll,
+    kMonitorQuick,  // a quick check between two polls (slow_leave_checks)
     kVoipSample,
     kProbeCheck,
     kProbeDone,
@@ -523,6 +524,21 @@ void Sim::handle(const Event& e) {
             if (SmartLinkSelection::takeChoiceRequest())
                 schedule(gNowUs + options_.loopCostUs, kChoice);
             schedule(gNowUs + kSecond + options_.monitorCostUs, kMonitorPoll);
+            if (monitor_->slowWatching()) {
+                schedule(gNowUs + SlaTcpSocketMonitor::kQuickCheckMs * kMs, kMonitorQuick, 1);
+            }
+            break;
+        case kMonitorQuick:
+            // As the monitor's wait does between two polls.
+            if (!monitor_) break;
+            gTid = kMonitorTid;
+            monitor_->poll();
+            monitor_->quickCheck();
+            if (SmartLinkSelection::takeChoiceRequest())
+                schedule(gNowUs + options_.loopCostUs, kChoice);
+            if ((e.a + 1) * SlaTcpSocketMonitor::kQuickCheckMs < 1000 && monitor_->slowWatching()) {
+                schedule(gNowUs + SlaTcpSocketMonitor::kQuickCheckMs * kMs, kMonitorQuick, e.a + 1);
+            }
             break;
         case kVoipSample: {
             if (!voipMonitor_) break;

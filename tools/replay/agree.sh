@@ -76,6 +76,9 @@ if [ "${1:-}" = "--inside" ]; then
     # Selection starts with the trace.
     "$build/tools/link-emulator" play "$trace" >"$dir/play.log" &
     play=$!
+    # A real link changes at a moment that has nothing to do with the daemon's loops: the start of
+    # selection (and so the phase of the monitor and of the probes against the trace) is drawn.
+    sleep "$(printf '0.%03d' $((RANDOM % 1000)))"
     "$build/tools/mlbdctl" start-sls 10050 >/dev/null
     wait "$play"
     exit 0
