@@ -322,7 +322,8 @@ const char* SmartLinkSelection::calcInterface() {
         // With the game-following keys set, the first choice of the link that already carries
         // the game (the default route's) moves nothing, so its connections are left alone.
         if (!prev && current.get() == defaultRecord_ &&
-            (params->failback_interval_s > 0 || params->stall_leave_ms > 0)) {
+            (params->failback_interval_s > 0 || params->stall_leave_ms > 0 ||
+             params->slow_leave_checks > 0)) {
             LOGE("%s SLA_RTT_SELECTED %s already carries the game: no socket reset", kFn,
                  nameOf(current));
             // Nor does it count against the hysteresis: the game has not moved, and its first
