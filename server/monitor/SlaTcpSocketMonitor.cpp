@@ -302,12 +302,14 @@ void SlaTcpSocketMonitor::checkStallLeave(const SlsSocket* sock, bool sameRecv) 
     const bool confirm = params_->slow_leave_checks > 0;
     if (rec != nullptr) (confirm ? rec->stallSuspect : rec->stalled) = true;
     sls->threadResume();
-    if (!confirm) SmartLinkSelection::requestChoice();
-    // The choice runs from the next main-loop cycle; the connection's RTT, unchanged while it
-    // is stalled, must not stop the probes again until the connection moves.
+    // The connection's RTT, unchanged while it is stalled, must not stop the probes again until
+    // the connection moves.
     params_->setServiceHighRtt(true);
     params_->setGamingConnectStatus(false);
     staleCount = 0;
+    // The choice (which runs only while serviceHighRtt is set) need not wait for the main loop's
+    // next cycle; with the confirmation it is asked for by the failed probe.
+    if (!confirm) SmartLinkSelection::requestChoice();
     LOGD("checkStallLeave no ACK for %d ms with %d in flight: %s counted as failed, probing",
          static_cast<int>(sock->last_ack_recv_time), static_cast<int>(sock->unacked),
          rec != nullptr ? rec->name.c_str() : "no link");
