@@ -517,29 +517,23 @@ void Sim::handle(const Event& e) {
             break;
         }
         case kMonitorPoll:
+        case kMonitorQuick: {
+            // A poll, or one of the quick checks the monitor's wait makes between two polls
+            // (e.a: its number since the poll).
             if (!monitor_) break;
             gTid = kMonitorTid;
+            const bool quick = e.type == kMonitorQuick;
+            const int64_t n = quick ? e.a : 0;
             monitor_->poll();
-            monitor_->selectServer();
+            quick ? monitor_->quickCheck() : monitor_->selectServer();
             if (SmartLinkSelection::takeChoiceRequest())
                 schedule(gNowUs + options_.loopCostUs, kChoice);
-            schedule(gNowUs + kSecond + options_.monitorCostUs, kMonitorPoll);
-            if (monitor_->slowWatching()) {
-                schedule(gNowUs + SlaTcpSocketMonitor::kQuickCheckMs * kMs, kMonitorQuick, 1);
+            if (!quick) schedule(gNowUs + kSecond + options_.monitorCostUs, kMonitorPoll);
+            if ((n + 1) * SlaTcpSocketMonitor::kQuickCheckMs < 1000 && monitor_->slowWatching()) {
+                schedule(gNowUs + SlaTcpSocketMonitor::kQuickCheckMs * kMs, kMonitorQuick, n + 1);
             }
             break;
-        case kMonitorQuick:
-            // As the monitor's wait does between two polls.
-            if (!monitor_) break;
-            gTid = kMonitorTid;
-            monitor_->poll();
-            monitor_->quickCheck();
-            if (SmartLinkSelection::takeChoiceRequest())
-                schedule(gNowUs + options_.loopCostUs, kChoice);
-            if ((e.a + 1) * SlaTcpSocketMonitor::kQuickCheckMs < 1000 && monitor_->slowWatching()) {
-                schedule(gNowUs + SlaTcpSocketMonitor::kQuickCheckMs * kMs, kMonitorQuick, e.a + 1);
-            }
-            break;
+        }
         case kVoipSample: {
             if (!voipMonitor_) break;
             // The VoIP monitor's rule: -70 dBm or weaker costs Wi-Fi 200 ms; a reading of 0 or

@@ -131,15 +131,20 @@ def one(replay, trace, dir_):
             "max_diff_s": diff}
 
 
-def table(paths):
-    print("| Scenario | Switches live | Switches replay | Same order | Largest time difference |")
-    print("|---|---|---|---|---|")
+def results(paths):
+    """(path, result) of each readable result.json."""
     for p in paths:
         try:
             with open(p) as f:
-                r = json.load(f)
+                yield p, json.load(f)
         except (OSError, ValueError):
             continue
+
+
+def table(paths):
+    print("| Scenario | Switches live | Switches replay | Same order | Largest time difference |")
+    print("|---|---|---|---|---|")
+    for _, r in results(paths):
         if "error" in r:
             print(f"| {r['scenario']} | {r['error']} | | | |")
             continue
@@ -156,12 +161,7 @@ STAY = re.compile(r"^expect stay(?: until ([\d.]+)s)?")
 def trials(paths):
     """Per scenario and expectation: the live time from the event to the switch that does it."""
     rows = {}
-    for p in paths:
-        try:
-            with open(p) as f:
-                r = json.load(f)
-        except (OSError, ValueError):
-            continue
+    for p, r in results(paths):
         if "error" in r or "trace" not in r:
             rows.setdefault((os.path.basename(os.path.dirname(p)).split(".")[0], "run"), []).append(None)
             continue
