@@ -83,7 +83,11 @@ def live(dir_):
                 if first_probe is None:
                     first_probe = t
                 if tid in ended:
-                    pauses.append(t - ended.pop(tid))
+                    # A pause, not the wait of a thread whose probing was stopped in between
+                    # (or of a single refresh probe).
+                    pause = t - ended.pop(tid)
+                    if pause < 1000000:
+                        pauses.append(pause)
     pauses.sort()
     switch_costs.sort()
     costs = (median_cost(sorted(choices + ticks), 1000000, 1100000),
