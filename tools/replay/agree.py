@@ -175,8 +175,13 @@ def trials(paths):
             m = EXPECT.match(line)
             stay = STAY.match(line)
             if stay:
+                # Changes of the game's link, from the trace's first link (the default route's).
                 until = float(stay.group(1)) if stay.group(1) else float("inf")
-                n = sum(1 for t, _ in r["live"][1:] if t < until)
+                on = next(l.split()[1] for l in lines if l.startswith("link "))
+                n = 0
+                for t, to in r["live"]:
+                    if t < until and to != on:
+                        n, on = n + 1, to
                 rows.setdefault((r["scenario"], "false switches"), []).append(n)
             if not m:
                 continue
