@@ -13,6 +13,18 @@
  *
  *   build/bench/ControlSoakBench [cycles]     (default 500)
  *
+ *   build/bench/ControlSoakBench --stops [n]  (default 50)
+ *
+ * The second form measures how long a stop holds the control thread while there is work in
+ * flight to stop: emulated links (wlan0 20 ms, rmnet_data0 160 ms one way) to a peer namespace
+ * with the probe server, the real packet-filter front-ends, and a game under UID 10002 that
+ * exchanges with its server every 50 ms. Each of n selection cycles starts selection for the
+ * game, resumes the probes (an RTT report above the threshold), lets the probes, the socket
+ * monitor and the VoIP monitor run for 150 to 450 ms, then stops selection (id 6); each of n
+ * call cycles starts a call (probes at once) and ends it (id 8 "0") the same way. The stop's
+ * time is from the send of the record until the control thread is in its receive pause again
+ * (the handler has returned); median, 90th percentile and worst of each kind are printed.
+ *
  * SOAK_KEEP=1 in the environment keeps the root (the daemon's log, commands.log) for a look.
  */
 #include <dirent.h>
@@ -20,13 +32,19 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <arpa/inet.h>
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <map>
 #include <string>
 #include <thread>
@@ -34,6 +52,7 @@
 
 #include "MlbdSocketServer.h"
 #include "util/Daemon.h"
+#include "util/EmulatedLinks.h"
 #include "util/Netns.h"
 
 using namespace mlbd::test;
@@ -130,10 +149,29 @@ struct Run {
 
     // The control thread is blocked in its receive: the last command and its pause are over.
     bool controlIdle() {
+        const long call = controlCall();
+        return call == SYS_recvfrom || call == SYS_recvmsg;
+    }
+    // The system call the control thread is in (or -1 when it runs).
+    long controlCall() {
         const std::string path =
                 "/proc/" + std::to_string(pid) + "/task/" + std::to_string(controlTid) + "/syscall";
-        const long call = atol(slurp(path).c_str());
-        return call == SYS_recvfrom || call == SYS_recvmsg;
+        const std::string text = slurp(path);
+        return text.compare(0, 7, "running") == 0 ? -1 : atol(text.c_str());
+    }
+
+    // Sends a record and returns how long its handler held the control thread: from the send
+    // until the thread is in the pause that follows every record (ms; -1 on failure).
+    double timed(int id, const char* text) {
+        const auto sent = Clock::now();
+        if (!send(id, text)) return -1;
+        for (;;) {
+            const long call = controlCall();
+            if (call == SYS_nanosleep || call == SYS_clock_nanosleep) break;
+            if (Clock::now() - sent > std::chrono::seconds(30)) return -1;
+            usleep(100);
+        }
+        return std::chrono::duration<double, std::milli>(Clock::now() - sent).count();
     }
 
     bool send(int id, const char* text) {
@@ -177,9 +215,124 @@ struct Run {
     }
 };
 
+// A child that dies with this process; pid.
+pid_t forkChild(const std::function<int()>& fn) {
+    const pid_t child = fork();
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        _exit(fn() & 0xff);
+    }
+    return child;
+}
+
+void printLatencies(const char* what, std::vector<double> ms) {
+    std::sort(ms.begin(), ms.end());
+    printf("%-28s n=%zu median %.1f ms, p90 %.1f ms, worst %.1f ms\n", what, ms.size(),
+           ms[ms.size() / 2], ms[ms.size() * 9 / 10], ms.back());
+}
+
+int stopLatency(int n) {
+    std::string why;
+    if (!Netns::enterPrivate(&why)) {
+        fprintf(stderr, "ControlSoakBench: %s\n", why.c_str());
+        return 1;
+    }
+    Netns net;
+    EmulatedLinks links;
+    Run run;
+    run.root = makeRoot("ping_interval_ms=100\nalpha_percent=100\nmini_est_interval=200\n");
+    if (run.root.empty() || !net.startPeer() || !links.start(net, 20, 160, &why)) {
+        fprintf(stderr, "ControlSoakBench: no links: %s\n", why.c_str());
+        return 1;
+    }
+    // The real front-ends; each interface's table routes over its own link. The game's server
+    // answers probes too.
+    if (Netns::run("cd " + run.root + " && ln -sf " MLBD_SOURCE_DIR
+                   "/tools/host/*-wrapper-1.0 system/bin/ && for i in wlan0 rmnet_data0; do "
+                   "system/bin/ip-wrapper-1.0 route add default dev $i table $i; done") != 0 ||
+        net.runInPeer("ip addr add 10.99.0.1 dev lo") != 0) {
+        return 1;
+    }
+    std::vector<pid_t> children;
+    const std::string responder = "exec nsenter --net=" + net.peerPath() +
+                                  " " MLBD_BINARY_DIR "/tools/rtt-responder --port 5060";
+    children.push_back(forkChild([&] {
+        return execl("/bin/sh", "sh", "-c", responder.c_str(), static_cast<char*>(nullptr));
+    }));
+    const std::string standin = "exec " MLBD_BINARY_DIR "/tools/sla-standin --root " + run.root +
+                                " --iface wlan0 --iface rmnet_data0";
+    children.push_back(forkChild([&] {
+        return execl("/bin/sh", "sh", "-c", standin.c_str(), static_cast<char*>(nullptr));
+    }));
+    // The game: one connection to its server, an exchange every 50 ms, reconnecting when cut.
+    children.push_back(forkChild([] {
+        if (setgid(10002) != 0 || setuid(10002) != 0) return 100;
+        const sockaddr_in server = {AF_INET, htons(5060), {htonl(0x0A630001)}, {}};
+        for (char buf[30] = {};; usleep(50000)) {
+            const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            if (connect(fd, reinterpret_cast<const sockaddr*>(&server), sizeof(server)) == 0) {
+                while (::send(fd, buf, 28, MSG_NOSIGNAL) == 28 && recv(fd, buf, 30, MSG_WAITALL) == 30) {
+                    usleep(50000);
+                }
+            }
+            close(fd);
+        }
+        return 0;
+    }));
+    auto reap = [&] {
+        for (pid_t child : children) kill(child, SIGKILL), waitpid(child, nullptr, 0);
+        links.stop();
+    };
+    const std::string log = run.root + "/mlbd.log";
+    waitFor([&] { return access((run.root + "/proc/sla/config").c_str(), F_OK) == 0; }, 10000);
+    if ((run.pid = startDaemon(run.root, log)) < 0) return reap(), 1;
+    waitFor([&] { return (run.logFd = open(log.c_str(), O_RDONLY | O_CLOEXEC)) >= 0; }, 5000);
+    run.sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s%s", run.root.c_str(), MLBD_SOCKET_PATH);
+    if (run.logFd < 0 || !waitFor([&] {
+            return connect(run.sock, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+        }, 20000)) {
+        fprintf(stderr, "could not connect to %s\n", addr.sun_path);
+        return reap(), 1;
+    }
+
+    srand(1);
+    auto settleMs = [] { return 150 + rand() % 300; };
+    std::vector<double> slsStops, callStops, starts;
+    const Usage before = measure(run.pid);
+    for (int i = 0; i < n; ++i) {
+        double ms = run.timed(MLBD_CMD_START_SLS, "10002");
+        if (ms < 0 || run.timed(MLBD_CMD_SLS_RTT, "200") < 0) return reap(), 1;
+        starts.push_back(ms);
+        usleep(settleMs() * 1000);
+        if ((ms = run.timed(MLBD_CMD_STOP_SLS, "")) < 0) return reap(), 1;
+        slsStops.push_back(ms);
+    }
+    for (int i = 0; i < n; ++i) {
+        if (run.timed(MLBD_CMD_VOIP_STATUS, "10123") < 0) return reap(), 1;
+        usleep(settleMs() * 1000);
+        const double ms = run.timed(MLBD_CMD_VOIP_STATUS, "0");
+        if (ms < 0) return reap(), 1;
+        callStops.push_back(ms);
+    }
+    const Usage after = run.settle();
+    reap();
+    printLatencies("selection start (id 5)", starts);
+    printLatencies("selection stop (id 6)", slsStops);
+    printLatencies("call end (id 8 \"0\")", callStops);
+    printf("threads %ld -> %ld, fds %ld -> %ld, VmRSS %ld -> %ld KB\n", before.threads,
+           after.threads, before.fds, after.fds, before.rssKb, after.rssKb);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc > 1 && strcmp(argv[1], "--stops") == 0) {
+        return stopLatency(std::max(1, argc > 2 ? atoi(argv[2]) : 50));
+    }
     const int n = std::max(1, argc > 1 ? atoi(argv[1]) : 500);
     std::string why;
     if (!Netns::enterPrivate(&why)) {
