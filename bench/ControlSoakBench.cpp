@@ -27,20 +27,19 @@
  *
  * SOAK_KEEP=1 in the environment keeps the root (the daemon's log, commands.log) for a look.
  */
+#include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <arpa/inet.h>
 
 #include <algorithm>
 #include <chrono>
@@ -247,7 +246,8 @@ int stopLatency(int n) {
     }
     // The real front-ends; each interface's table routes over its own link. The game's server
     // answers probes too.
-    if (Netns::run("cd " + run.root + " && ln -sf " MLBD_SOURCE_DIR
+    if (Netns::run("cd " + run.root +
+                   " && ln -sf " MLBD_SOURCE_DIR
                    "/tools/host/*-wrapper-1.0 system/bin/ && for i in wlan0 rmnet_data0; do "
                    "system/bin/ip-wrapper-1.0 route add default dev $i table $i; done") != 0 ||
         net.runInPeer("ip addr add 10.99.0.1 dev lo") != 0) {
@@ -271,7 +271,8 @@ int stopLatency(int n) {
         for (char buf[30] = {};; usleep(50000)) {
             const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
             if (connect(fd, reinterpret_cast<const sockaddr*>(&server), sizeof(server)) == 0) {
-                while (::send(fd, buf, 28, MSG_NOSIGNAL) == 28 && recv(fd, buf, 30, MSG_WAITALL) == 30) {
+                while (::send(fd, buf, 28, MSG_NOSIGNAL) == 28 &&
+                       recv(fd, buf, 30, MSG_WAITALL) == 30) {
                     usleep(50000);
                 }
             }
@@ -291,9 +292,12 @@ int stopLatency(int n) {
     sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
     snprintf(addr.sun_path, sizeof(addr.sun_path), "%s%s", run.root.c_str(), MLBD_SOCKET_PATH);
-    if (run.logFd < 0 || !waitFor([&] {
-            return connect(run.sock, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
-        }, 20000)) {
+    if (run.logFd < 0 || !waitFor(
+                                 [&] {
+                                     return connect(run.sock, reinterpret_cast<sockaddr*>(&addr),
+                                                    sizeof(addr)) == 0;
+                                 },
+                                 20000)) {
         fprintf(stderr, "could not connect to %s\n", addr.sun_path);
         return reap(), 1;
     }
