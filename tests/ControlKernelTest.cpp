@@ -421,10 +421,10 @@ TEST_F(ControlKernelIpv6Test, Ipv6GameMovesWhenItsLinkSlowsDown) {
     EXPECT_GT(count(flows(), game + cell + " mark=0 assured"), 0);  // a probe over IPv6
 }
 
-// Faults of the platform, the links and the control client, each injected while a game and web
-// traffic run and then cleared: the daemon logs it, keeps the game on a working link, and comes
-// back to its rules, threads and descriptors. The shut-down, with the module's control file
-// unusable, then stops every thread it started.
+// Faults of the platform, the links, the daemon's own rights and clock, and the control client,
+// each injected while a game and web traffic run and then cleared: the daemon logs it, keeps the
+// game on a working link, and comes back to its rules, threads and descriptors. The shut-down,
+// with the module's control file unusable, then stops every thread it started.
 TEST_F(ControlKernelTest, FaultsAreSurvivedAndClearedWhileAGameAndWebTrafficRun) {
     // The main and control threads (and any of a sanitizer's runtime).
     const size_t idleThreads = counts().first;
