@@ -8,9 +8,10 @@
  *   - starts and ends a call every 3 minutes,
  *   - changes the UID whitelist every 20 s, each time from a new control client
  *     (control_reaccept),
- * and checks the rules with `mlbdctl status` every minute (a check within 10 s of a flap counts
- * apart). It prints the daemon's RSS, private dirty memory, threads and descriptors at the start
- * and at the end, every health check, and the sanitizer reports found in the daemon's log.
+ * and checks the rules with `mlbdctl status` every minute, at least 5 s after the last command
+ * (a check within 10 s of a flap counts apart). It prints the daemon's RSS, private dirty memory,
+ * threads and descriptors at the start and at the end, every health check, and the sanitizer
+ * reports found in the daemon's log.
  *
  * Root. Network traffic stays inside the namespaces it makes.
  *
@@ -152,7 +153,9 @@ int main(int argc, char** argv) {
     // One record per client: each command comes from a new connection.
     sockaddr_un control = {AF_UNIX, {}};
     (root + "/dev/socket/mlbd").copy(control.sun_path, sizeof(control.sun_path) - 1);
+    auto lastCommand = steady_clock::now();
     auto command = [&](int id, const std::string& text) {
+        lastCommand = steady_clock::now();
         const int fd = connectTo(reinterpret_cast<const sockaddr*>(&control), sizeof(control));
         msg_t msg = {id, static_cast<int32_t>(text.size()), {}};
         text.copy(msg.message, sizeof(msg.message) - 1);
@@ -221,10 +224,12 @@ int main(int argc, char** argv) {
             command(MLBD_CMD_UID_WHITELIST, ++list % 2 ? "10001" : "10001,10009");
             nextList = now + std::chrono::seconds(20);
         }
-        if (now >= nextCheck) {
-            // The ratio cascade is flushed and refilled whenever the split changes (several
-            // times a second while a rate swings), so one read may land between the two: a
-            // check is failed only when three more reads, 300 ms apart, fail as well.
+        // A command's rules may still be being rebuilt (a flush, then the rules added back): the
+        // check waits until the last command is 5 s old. The ratio cascade is flushed and
+        // refilled too, whenever the split changes (several times a second while a rate swings),
+        // so one read may still land between the two: a check is failed only when three more
+        // reads, 300 ms apart, fail as well.
+        if (now >= nextCheck && now - lastCommand >= std::chrono::seconds(5)) {
             bool ok = healthy();
             const std::string first = lastStatus;
             bool reread = false;

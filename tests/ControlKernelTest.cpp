@@ -8,6 +8,7 @@
 // connection-tracking entry tells by which link it left and with which mark.
 #include <arpa/inet.h>
 #include <dirent.h>
+#include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -30,6 +31,7 @@
 #include "MlbdSocketServer.h"
 #include "util/Daemon.h"
 #include "util/EmulatedLinks.h"
+#include "util/FaultPreload.h"
 
 namespace {
 
@@ -117,11 +119,13 @@ class ControlKernelTest : public ::testing::Test {
         if (access("/usr/sbin/iptables", X_OK) != 0) GTEST_SKIP() << "iptables is not installed";
         std::string why;
         if (!Netns::enterPrivate(&why)) GTEST_SKIP() << "real-kernel test skipped: " << why;
-        // Probes every 100 ms, each taken as it comes; one decision every 200 ms; front-ends
-        // cut off after 1.5 s; control clients served one after another.
-        root_ = makeRoot("ping_interval_ms=100\nalpha_percent=100\nmini_est_interval=200\n"
-                         "frontend_timeout_ms=1500\ncontrol_reaccept=1\n" +
-                         extraConf());
+        // Probes every 100 ms, each taken as it comes; one decision every 200 ms, at most one
+        // switch per 3 s; front-ends cut off after 1.5 s; control clients served one after
+        // another.
+        root_ = makeRoot(
+                "ping_interval_ms=100\nalpha_percent=100\nmini_est_interval=200\nt_hyst_s=3\n"
+                "frontend_timeout_ms=1500\ncontrol_reaccept=1\n" +
+                extraConf());
         ASSERT_NE("", root_);
         ASSERT_TRUE(net_.startPeer());
         ASSERT_TRUE(links_.start(net_, 20, 160, &why)) << why;
@@ -156,7 +160,16 @@ class ControlKernelTest : public ::testing::Test {
                                              MAP_SHARED | MAP_ANONYMOUS, -1, 0));
         ASSERT_NE(MAP_FAILED, game_);
         new (game_) GameState();
-        ASSERT_GT(daemon_ = startDaemon(root_, root_ + "/mlbd.log"), 0);
+        // The daemon runs with the fault library, inert until setFaults(). A sanitizer's runtime
+        // is then not the first library loaded, which is fine here.
+        ASSERT_TRUE(setFaults(0, false));
+        const char* asan = getenv("ASAN_OPTIONS");
+        ASSERT_GT(daemon_ = startDaemon(root_, root_ + "/mlbd.log",
+                                        {"LD_PRELOAD=" + faultPreloadLibrary(),
+                                         std::string(kFaultFileEnv) + "=" + root_ + "/faults",
+                                         std::string("ASAN_OPTIONS=") + (asan ? asan : "") +
+                                                 ":verify_asan_link_order=0"}),
+                  0);
         // An application's client is refused and closed; the root client after it is served.
         ASSERT_EQ(0, chmod(root_.c_str(), 0755));
         EXPECT_EQ(0, Netns::waitChild(forkAs(kUnlisted, [this] {
@@ -184,6 +197,16 @@ class ControlKernelTest : public ::testing::Test {
     }
 
     virtual std::string extraConf() const { return ""; }
+    // The daemon's wall clock `offsetS` seconds off, and its sockets' destruction refused.
+    bool setFaults(int64_t offsetS, bool noNetAdmin) {
+        FaultState state;
+        state.realtimeOffsetS = offsetS;
+        state.noNetAdmin = noNetAdmin;
+        const int fd = open((root_ + "/faults").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        const bool written = pwrite(fd, &state, sizeof(state), 0) == sizeof(state);
+        close(fd);
+        return written;
+    }
     static void stop(pid_t* pid) {
         if (*pid > 0) kill(*pid, SIGKILL), Netns::waitChild(*pid), *pid = -1;
     }
@@ -399,10 +422,10 @@ TEST_F(ControlKernelIpv6Test, Ipv6GameMovesWhenItsLinkSlowsDown) {
     EXPECT_GT(count(flows(), game + cell + " mark=0 assured"), 0);  // a probe over IPv6
 }
 
-// Faults of the platform, the links and the control client, each injected while a game and web
-// traffic run and then cleared: the daemon logs it, keeps the game on a working link, and comes
-// back to its rules, threads and descriptors. The shut-down, with the module's control file
-// unusable, then stops every thread it started.
+// Faults of the platform, the links, the daemon's own rights and clock, and the control client,
+// each injected while a game and web traffic run and then cleared: the daemon logs it, keeps the
+// game on a working link, and comes back to its rules, threads and descriptors. The shut-down,
+// with the module's control file unusable, then stops every thread it started.
 TEST_F(ControlKernelTest, FaultsAreSurvivedAndClearedWhileAGameAndWebTrafficRun) {
     // The main and control threads (and any of a sanitizer's runtime).
     const size_t idleThreads = counts().first;
@@ -441,6 +464,25 @@ TEST_F(ControlKernelTest, FaultsAreSurvivedAndClearedWhileAGameAndWebTrafficRun)
                        std::to_string(kListed) + (pokes++ % 2 ? ",10009" : ""));
     };
     auto healthy = [&] { return mlbdctlStatus()["healthy"].asBool(); };
+    auto slowWifi = [&](int64_t offsetS, bool noNetAdmin) {
+        EXPECT_TRUE(
+                until([] { return output().find("-A vexa_SLS -j vexa_sls_uid_wlan0") != npos; }));
+        setFaults(offsetS, noNetAdmin);
+        links_.setDelay("wlan0", 300);
+    };
+    auto clearSlowWifi = [&] { setFaults(0, false), links_.setDelay("wlan0", 20); };
+    // Where the log of the current fault begins.
+    size_t mark = 0;
+    // The wall clock steps within the hysteresis period of a switch to cellular; when Wi-Fi
+    // recovers, the choice must come back to it once that period is over, measured on a clock
+    // that did not step.
+    auto stepAfterSwitch = [&](int64_t offsetS) {
+        slowWifi(0, false);
+        EXPECT_TRUE(until([&] { return log().find("perform switch rmnet_data0", mark) != npos; }));
+        setFaults(offsetS, false);
+        mark = log().size();
+        links_.setDelay("wlan0", 20);
+    };
     // The steady state: the whitelist applied, probe threads and both monitors running.
     ASSERT_TRUE(poke() && until([&] {
                     return output().find("--uid-owner 10001 -j vexa_SLM") != npos && healthy() &&
@@ -457,7 +499,8 @@ TEST_F(ControlKernelTest, FaultsAreSurvivedAndClearedWhileAGameAndWebTrafficRun)
         const char* logged;
     } faults[] = {
             {"front-end exits 1", [&] { frontEnd("exit 1"); }, restoreFrontEnd, "PASS  "},
-            {"front-end missing", [&] { frontEnd(""); }, restoreFrontEnd, "PASS  "},
+            {"front-end missing", [&] { frontEnd(""); }, restoreFrontEnd,
+             "front-end could not be run (No such file or directory): "},
             {"front-end hangs once",
              [&] {
                  frontEnd("mkdir " + root_ + "/hung 2>/dev/null && sleep 60; exec " + realIptables +
@@ -480,6 +523,14 @@ TEST_F(ControlKernelTest, FaultsAreSurvivedAndClearedWhileAGameAndWebTrafficRun)
              "perform switch rmnet_data0"},
             {"statistics files removed", [&] { Netns::run("rm -f " + root_ + "/proc/sla/*_mmap"); },
              [] {}, "PASS  "},
+            // Wi-Fi slows down under the game once it is on Wi-Fi: the choice leaves it, and the
+            // reset of the game's sockets is refused (the game keeps its slow connection).
+            {"socket destruction refused", [&] { slowWifi(0, true); }, clearSlowWifi,
+             "Kernel refused to destroy "},
+            {"wall clock back an hour", [&] { stepAfterSwitch(-3600); }, clearSlowWifi,
+             "perform switch wlan0"},
+            {"wall clock forward a day", [&] { stepAfterSwitch(86400); }, clearSlowWifi,
+             "perform switch wlan0"},
             {"garbage client", [&] { client(garbage); }, [] {}, "unknow mesage!!!"},
             {"client leaves mid-record", [&] { client(std::string(500, '\1')); }, [] {},
              "control client gone"},
@@ -487,11 +538,15 @@ TEST_F(ControlKernelTest, FaultsAreSurvivedAndClearedWhileAGameAndWebTrafficRun)
     std::cout << "fault | logged | recovery ms | threads/fds before | after\n";
     for (const auto& fault : faults) {
         SCOPED_TRACE(fault.name);
-        const size_t mark = log().size();
+        mark = log().size();
         fault.inject();
         poke();
         EXPECT_TRUE(until([&] { return log().find(fault.logged, mark) != npos; }))
                 << log().substr(mark);
+        // The whole line, stamped by the daemon's (possibly stepped) wall clock.
+        const std::string text = log();
+        const size_t at = text.rfind('\n', text.find(fault.logged, mark)) + 1;
+        const std::string line = text.substr(at, text.find('\n', at) - at);
         // A working link still carries the game.
         const int during = game_->exchanges;
         EXPECT_TRUE(until([&] { return game_->exchanges > during + 5; }));
@@ -507,9 +562,8 @@ TEST_F(ControlKernelTest, FaultsAreSurvivedAndClearedWhileAGameAndWebTrafficRun)
         const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
                                 std::chrono::steady_clock::now() - start)
                                 .count();
-        std::cout << fault.name << " | " << fault.logged << " | " << ms << " | " << base.first
-                  << "/" << base.second << " | " << counts().first << "/" << counts().second
-                  << "\n";
+        std::cout << fault.name << " | " << line << " | " << ms << " | " << base.first << "/"
+                  << base.second << " | " << counts().first << "/" << counts().second << "\n";
     }
     stop(&web);
     // The selection the first client started stands after the clients that came after it.

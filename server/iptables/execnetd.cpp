@@ -214,7 +214,10 @@ int execnetd(const char* command) {
             return -1;
         }
         // The child was created (and already reaped by posix_spawnp) but could not execute the
-        // program: started, as far as the result goes.
+        // program: started, as far as the result goes, and said so (a missing or broken
+        // front-end is never normal).
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "front-end could not be run (%s): %s",
+                            strerror(rc), command);
         __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "SEND SLA NDC COMMAND - PASS  %s\n",
                             command);
         return 0;

@@ -187,7 +187,10 @@ int SockDiag::readDiagMsg(uint8_t proto, const DestroyFilter& shouldDestroy) {
         // A message too short to describe a socket is passed over.
         if (nlh->nlmsg_len < kDiagMsgEnd || !shouldDestroy) return;
         const inet_diag_msg* msg = reinterpret_cast<const inet_diag_msg*>(NLMSG_DATA(nlh));
-        if (shouldDestroy(proto, msg)) sockDestroy(proto, msg);
+        if (!shouldDestroy(proto, msg)) return;
+        // A refusal does not end the walk: the other sockets are still tried.
+        const int ret = sockDestroy(proto, msg);
+        if (ret != 0) mRefusedCount++, mRefusalError = ret;
     });
 }
 
@@ -291,6 +294,7 @@ int SockDiag::sockDestroy(uint8_t proto, const inet_diag_msg* msg) {
 
 int SockDiag::destroySockets(uint8_t proto, uint32_t uid, bool excludeLoopback) {
     mDestroyedCount = 0;
+    mRefusedCount = 0;
     DestroyFilter shouldDestroy = [uid, excludeLoopback](uint8_t, const inet_diag_msg* msg) {
         return msg != nullptr && msg->idiag_uid == uid &&
                !(excludeLoopback && isLoopbackSocket(msg));
@@ -319,6 +323,12 @@ int SockDiag::destroySockets(uint8_t proto, uint32_t uid, bool excludeLoopback) 
     if (mDestroyedCount > 0) {
         __android_log_print(ANDROID_LOG_INFO, kTag, "Destroyed %d sockets for UID",
                             mDestroyedCount);
+    }
+    // The application keeps those connections on the link they were made on.
+    if (mRefusedCount > 0) {
+        __android_log_print(ANDROID_LOG_ERROR, kTag,
+                            "Kernel refused to destroy %d sockets of UID %u (protocol %u): %s",
+                            mRefusedCount, uid, proto, strerror(-mRefusalError));
     }
     return 0;
 }

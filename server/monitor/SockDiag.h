@@ -174,6 +174,10 @@ class SockDiag {
     int mDumpSock = -1;
     int mDestroySock = -1;
     int mDestroyedCount = 0;
+    // Destroys of the current destroySockets call that the kernel refused, and the last error
+    // (a negative errno), e.g. -EPERM without CAP_NET_ADMIN.
+    int mRefusedCount = 0;
+    int mRefusalError = 0;
 };
 
 // Destroys every TCP, then every UDP socket of the UID given as decimal text, loopback included.

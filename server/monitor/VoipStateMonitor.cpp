@@ -5,6 +5,9 @@
 #include "monitor/VoipStateMonitor.h"
 
 #include <android/log.h>
+#include <stdint.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <string>
@@ -45,7 +48,9 @@ void VoipStateMonitor::finalize() {
 }
 
 VoipStateMonitor::VoipStateMonitor(android::wificond::NetlinkUtils* netlink)
-    : netlink_(netlink), params_(Parameters::instance()) {
+    : netlink_(netlink),
+      stopFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      params_(Parameters::instance()) {
     std::lock_guard<std::mutex> guard(lock_);
     netlink_->Start();
     if (params_->isVoipRunning()) {
@@ -58,6 +63,13 @@ VoipStateMonitor::VoipStateMonitor(android::wificond::NetlinkUtils* netlink)
 }
 
 VoipStateMonitor::~VoipStateMonitor() {
+    // A query in flight ends now rather than at its reply time-out, and any later one at once.
+    if (stopFd_.ok()) {
+        const uint64_t one = 1;
+        if (write(stopFd_.get(), &one, sizeof(one)) < 0) {
+            // Only a full counter fails, and that is readable already.
+        }
+    }
     {
         std::lock_guard<std::mutex> guard(lock_);
         running = false;
@@ -84,9 +96,9 @@ void VoipStateMonitor::threadLoop() {
 
 void VoipStateMonitor::poll() {
     // The query runs without the monitor's lock (the client has its own), so that a stop never
-    // waits for the lock behind a query: it waits at most for the query's own time-out, when
-    // it joins the thread.
-    const int32_t sample = netlink_->GetStationInfo();
+    // waits for the lock behind a query; the stop descriptor ends the query's wait when the
+    // stop joins the thread.
+    const int32_t sample = netlink_->GetStationInfo(stopFd_.get());
     std::lock_guard<std::mutex> guard(lock_);
     rssi = sample;
     LOGD("rssi is %d", rssi);

@@ -9,12 +9,15 @@
  *
  * Threads: the sampling thread runs poll() and the pause; the control thread makes and finalizes
  * the monitor. The fields are guarded by the monitor's lock; the pause waits on a condition
- * variable, so that destruction wakes the thread instead of waiting out the pause. The static
+ * variable, so that destruction wakes the thread instead of waiting out the pause, and a station
+ * query in flight also waits on the monitor's stop descriptor, which destruction makes readable,
+ * so that a stop never waits for the query's reply time-out either. The static
  * instance pointer has its own lock; the pointer returned by instance() stays valid until
  * finalize(), and both are called from the control thread.
  */
 #pragma once
 
+#include <android-base/unique_fd.h>
 #include <stdint.h>
 
 #include <condition_variable>
@@ -52,5 +55,7 @@ class VoipStateMonitor {
     int32_t rssi = 0;
     bool running = false;
     android::wificond::NetlinkUtils* const netlink_;
+    // An eventfd, readable once the monitor is being destroyed (-1 if none could be made).
+    android::base::unique_fd stopFd_;
     Parameters* const params_;
 };

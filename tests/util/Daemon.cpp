@@ -40,7 +40,8 @@ std::string makeRoot(const std::string& conf) {
     return root;
 }
 
-pid_t startDaemon(const std::string& root, const std::string& logPath) {
+pid_t startDaemon(const std::string& root, const std::string& logPath,
+                  const std::vector<std::string>& env) {
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     const pid_t pid = fork();
     if (pid == 0) {
@@ -48,6 +49,11 @@ pid_t startDaemon(const std::string& root, const std::string& logPath) {
         const int log = open(logPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         if (log < 0 || dup2(log, STDERR_FILENO) < 0) _exit(127);
         setenv("MLBD_ROOT", root.c_str(), 1);
+        for (const std::string& entry : env) {
+            const size_t eq = entry.find('=');
+            if (eq != std::string::npos)
+                setenv(entry.substr(0, eq).c_str(), entry.c_str() + eq + 1, 1);
+        }
         execl(MLBD_BINARY_DIR "/mlbd", "mlbd", static_cast<char*>(nullptr));
         _exit(127);
     }

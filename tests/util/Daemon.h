@@ -12,6 +12,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace mlbd {
 namespace test {
@@ -21,9 +22,11 @@ namespace test {
 // <root>/commands.log instead of running anything. "" when it could not be made.
 std::string makeRoot(const std::string& conf);
 
-// Runs the freshly built daemon with MLBD_ROOT=root and its stderr going to logPath (truncated).
-// Returns its pid, or -1 when it could not be started.
-pid_t startDaemon(const std::string& root, const std::string& logPath);
+// Runs the freshly built daemon with MLBD_ROOT=root, the "NAME=value" entries of env set too,
+// and its stderr going to logPath (truncated). Returns its pid, or -1 when it could not be
+// started.
+pid_t startDaemon(const std::string& root, const std::string& logPath,
+                  const std::vector<std::string>& env = {});
 
 // Kills the daemon started by startDaemon() and every process it started, and reaps them all.
 void stopDaemon(pid_t pid);

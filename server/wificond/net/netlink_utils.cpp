@@ -122,7 +122,8 @@ bool NetlinkUtils::SendMessageInternal(const NL80211Packet& packet, int fd) {
 }
 
 bool NetlinkUtils::SendMessageAndGetResponses(
-        const NL80211Packet& packet, std::vector<std::unique_ptr<const NL80211Packet>>* responses) {
+        const NL80211Packet& packet, std::vector<std::unique_ptr<const NL80211Packet>>* responses,
+        int wakeFd) {
     if (!SendMessageInternal(packet, netlinkFd.get())) return false;
     const uint32_t sequence = packet.GetMessageSequence();
     messageHandlers[sequence] = [responses](std::unique_ptr<const NL80211Packet> reply) {
@@ -134,8 +135,14 @@ bool NetlinkUtils::SendMessageAndGetResponses(
     int timeLeft = kMaxReplyWaitMs;
     while (timeLeft > 0) {
         if (messageHandlers.find(sequence) == messageHandlers.end()) return true;
-        pollfd pfd = {netlinkFd.get(), POLLIN, 0};
-        int ret = poll(&pfd, 1, timeLeft);
+        // A negative wakeFd is ignored by poll.
+        pollfd pfd[2] = {{netlinkFd.get(), POLLIN, 0}, {wakeFd, POLLIN, 0}};
+        int ret = poll(pfd, 2, timeLeft);
+        if (ret > 0 && pfd[1].revents != 0) {
+            LOG(ERROR) << "Netlink reply wait ended: the caller is stopping";
+            messageHandlers.erase(sequence);
+            return false;
+        }
         if (ret == -1) {
             PLOG(ERROR) << "Failed to poll netlink fd";
             messageHandlers.erase(sequence);
@@ -158,9 +165,10 @@ bool NetlinkUtils::SendMessageAndGetResponses(
 }
 
 bool NetlinkUtils::SendMessageAndGetSingleResponse(const NL80211Packet& packet,
-                                                   std::unique_ptr<const NL80211Packet>* response) {
+                                                   std::unique_ptr<const NL80211Packet>* response,
+                                                   int wakeFd) {
     std::vector<std::unique_ptr<const NL80211Packet>> responses;
-    if (!SendMessageAndGetResponses(packet, &responses)) return false;
+    if (!SendMessageAndGetResponses(packet, &responses, wakeFd)) return false;
     // A reply that was only NLMSG_DONE completes the wait but carries nothing to read.
     if (responses.empty()) return false;
     *response = std::move(responses.front());
@@ -315,7 +323,7 @@ void NetlinkUtils::SetStationInfo(const std::string& bssid, const std::string& i
     memcpy(stationMac, mac, sizeof(stationMac));
 }
 
-int32_t NetlinkUtils::GetStationInfo() {
+int32_t NetlinkUtils::GetStationInfo(int wakeFd) {
     std::lock_guard<std::mutex> lock(callMutex);
     // Without the family (no Wi-Fi driver, or discovery failed) a request would only wait out
     // the reply time-out: nothing would answer it.
@@ -331,7 +339,7 @@ int32_t NetlinkUtils::GetStationInfo() {
             kNl80211AttrMac, std::vector<uint8_t>(stationMac, stationMac + kMacLength)));
 
     std::unique_ptr<const NL80211Packet> response;
-    if (!SendMessageAndGetSingleResponse(request, &response)) {
+    if (!SendMessageAndGetSingleResponse(request, &response, wakeFd)) {
         LOG(ERROR) << "NL80211_CMD_GET_STATION failed";
         return 0;
     }

@@ -8,6 +8,9 @@
  * Start, SetStationInfo and GetStationInfo take one lock, so the VoIP monitor's thread may query
  * the station while the control thread sets the station or restarts the client. The lower-level
  * calls take no lock of their own: they run inside those three, or from one thread at a time.
+ *
+ * A caller that must be able to stop while a query waits for its reply passes a wake-up
+ * descriptor (an eventfd): once it is readable, the wait ends at once as a failed query.
  */
 #pragma once
 
@@ -56,12 +59,15 @@ class NetlinkUtils {
     // Creates, sizes and binds a generic netlink socket into *fd (closing what it held).
     bool SetupSocket(android::base::unique_fd* fd);
     bool SendMessageInternal(const NL80211Packet& packet, int fd);
-    // Sends packet and collects every reply part carrying its sequence number.
+    // Sends packet and collects every reply part carrying its sequence number. The wait also
+    // ends, as a failure, when wakeFd (if not -1) becomes readable.
     bool SendMessageAndGetResponses(const NL80211Packet& packet,
-                                    std::vector<std::unique_ptr<const NL80211Packet>>* responses);
+                                    std::vector<std::unique_ptr<const NL80211Packet>>* responses,
+                                    int wakeFd = -1);
     // As above, keeping the first reply. A success without any reply is a failure.
     bool SendMessageAndGetSingleResponse(const NL80211Packet& packet,
-                                         std::unique_ptr<const NL80211Packet>* response);
+                                         std::unique_ptr<const NL80211Packet>* response,
+                                         int wakeFd = -1);
     // Reads one datagram from fd, without waiting for one, and hands each message in it to its
     // handler.
     void ReceivePacketAndRunHandler(int fd);
@@ -76,7 +82,9 @@ class NetlinkUtils {
     // Stores the station to query: bssid is 12 hexadecimal digits without separators.
     void SetStationInfo(const std::string& bssid, const std::string& ifname);
     // The station's signal in dBm, or 0 on any failure.
-    int32_t GetStationInfo();
+    int32_t GetStationInfo() { return GetStationInfo(-1); }
+    // As above; the wait for the reply ends, as a failure, once wakeFd is readable.
+    int32_t GetStationInfo(int wakeFd);
 
     // The next request sequence number: 1 after 0xFFFFFFFF, so 0 is never used.
     uint32_t GetSequenceNumber();
