@@ -211,8 +211,10 @@ class Parameters {
     mlbd::Relaxed<int32_t> failback_interval_s = 0;
     mlbd::Relaxed<int32_t> stall_leave_ms = 0;
     // "slow_leave_checks": the game's own round-trip time on the link that carries it, above the
-    // exit threshold at that many socket-monitor checks in a row (one a second), counts as that
-    // link's figure for the choice, which runs at once instead of at the next main-loop cycle.
+    // exit threshold at that many socket-monitor checks in a row (one a second, and one every
+    // 250 ms while that RTT is past half the threshold), counts as that link's figure for the
+    // choice, which runs at once instead of at the next main-loop cycle. A stall
+    // (stall_leave_ms) must then be confirmed by a failed probe of the link.
     // With it the links that do not carry the game are probed now and then, so that their
     // figures are fresh when the choice needs them, and a link's first probe result (or the
     // first after a failure) is taken as it is rather than smoothed against a made-up 1000 ms.
