@@ -594,6 +594,9 @@ void Sim::handle(const Event& e) {
                 result = Tcping::reportRtt(&info, t.pending.kernelRttUs);
             }
             t.rec->setSpeed(result);
+            // A failed probe that confirms a stall asks for the choice at once.
+            if (SmartLinkSelection::takeChoiceRequest())
+                schedule(gNowUs + options_.loopCostUs, kChoice);
             schedule(gNowUs + t.intervalMs * kMs + options_.probePauseCostUs, kProbeDone, e.a, 1);
             break;
         }

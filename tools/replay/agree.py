@@ -32,6 +32,7 @@ def stamp_us(line, year):
 
 POLL = re.compile(r"Mlbd-SocketMonitor: checkGamingServerRtt rtt is")
 CHOICE = re.compile(r"Mlbd-SlaPing: getFastestInterface SLA_RTT fastest Interface is")
+EARLY = re.compile(r"sleepUntilNextCycle SLA_RTT choice wanted before the next cycle")
 RESET_DONE = re.compile(r"SLA_GAMING (Error )?destroying UDP sockets")
 PROBE_RTT = re.compile(r"TCPing cacla rtt is (\d+),")
 PROBE_START = re.compile(r"Mlbd-Tcping: populateTcpingSocket server is")
@@ -51,6 +52,7 @@ def live(dir_):
     year = time.localtime(t0 / 1e6).tm_year
     switches, sls, ticks, polls, choices, pauses, ended = [], None, [], [], [], [], {}
     switch_costs, switched_at, started, extra, first_probe = [], None, {}, [], None
+    early = False
     with open(os.path.join(dir_, "mlbd.log"), errors="replace") as f:
         for line in f:
             t = stamp_us(line, year)
@@ -69,8 +71,13 @@ def live(dir_):
                 ticks.append(t)
             if POLL.search(line):
                 polls.append(t)
-            if CHOICE.search(line):
-                choices.append(t)
+            if EARLY.search(line):
+                early = True
+            elif CHOICE.search(line):
+                # A choice the main loop's pause ran early (slow_leave_checks) is off its tick.
+                if not early:
+                    choices.append(t)
+                early = False
             tid = line.split()[3] if len(line.split()) > 3 else ""
             if PROBE_END.search(line):
                 ended[tid] = t
