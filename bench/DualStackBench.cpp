@@ -177,11 +177,20 @@ int main(int argc, char** argv) {
         return 1;
     }
     Netns::run("sysctl -qw net.ipv4.tcp_syn_retries=1 net.ipv6.conf.all.accept_dad=0");
-    splitShares(net, root, connections);
+    // The split tears its rules down at the end, and a rule manager is torn down for the life of
+    // its process: the split runs in a child, so that the selection below still has one.
+    const pid_t split = fork();
+    if (split == 0) {
+        splitShares(net, root, connections);
+        fflush(stdout);
+        _exit(0);
+    }
+    Netns::waitChild(split);
 
     // Part 2: the emulated links' responder serves both targets; the selection at the default pace.
     mlbd::ScopedCommandRecorder rules;  // the switch's rule commands are recorded, not run
     Parameters* params = Parameters::instance();
+    params->ipv6 = 1;  // an IPv6 game server is probed over IPv6
     params->setGamingUids("4000000000");
     params->populateGamingUids();
     params->setServiceHighRtt(true);
