@@ -27,6 +27,7 @@
 #include <random>
 #include <thread>
 
+#include "SwitchTrial.h"
 #include "iptables/IptablesManager.h"
 #include "platform/Platform.h"
 #include "sls/SmartLinkSelection.h"
@@ -202,29 +203,11 @@ int main(int argc, char** argv) {
         params->setRttTarget(target, 443);
         std::shared_ptr<SmartLinkSelection> sls = SmartLinkSelection::instance();
         sls->createRttThreads();
-        const milliseconds tick(params->get(OPER_MINI_EST_INTERVAL));
-        auto next = steady_clock::now();
-        auto runUntil = [&](const char* want, seconds limit) {
-            const auto end = steady_clock::now() + limit;
-            while (steady_clock::now() < end) {
-                next += tick;
-                std::this_thread::sleep_until(next);
-                SmartLinkSelection::slsChooseInterface();
-                if (sls->current && sls->current->name == want) return steady_clock::now();
-            }
-            return steady_clock::time_point();
-        };
         std::vector<double> latencies;
         for (int t = 0; t < trials; ++t) {
-            links.setDelay("wlan0", 20);
-            if (runUntil("wlan0", seconds(30)) == steady_clock::time_point()) break;
-            runUntil("-", seconds(4));
-            std::this_thread::sleep_for(milliseconds(random() % tick.count()));
-            links.setDelay("wlan0", 300);
-            const auto raised = steady_clock::now();
-            const auto switched = runUntil("rmnet_data0", seconds(30));
-            if (switched == steady_clock::time_point()) break;
-            latencies.push_back(duration<double>(switched - raised).count());
+            const double latency = mlbd::bench::switchLatencyTrial(links, 300, random);
+            if (latency < 0) break;
+            latencies.push_back(latency);
         }
         printf("  target %-8s (%s): median %.2f s, min %.2f s, max %.2f s over %zu trials\n",
                target, strchr(target, ':') ? "IPv6" : "IPv4", median(latencies),

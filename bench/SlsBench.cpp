@@ -22,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "SwitchTrial.h"
 #include "parameters/Parameters.h"
 #include "sls/SmartLinkSelection.h"
 #include "sls/Tcping.h"
@@ -52,10 +53,6 @@ int probeOnce(const char* iface) {
     info.server = DEFAULT_RTT_SERVER;
     info.port = 443;
     return Tcping().updateTcpingRtt(&info);
-}
-
-const char* currentName(const SmartLinkSelection& sls) {
-    return sls.current ? sls.current->name.c_str() : "";
 }
 
 }  // namespace
@@ -109,31 +106,12 @@ int main(int argc, char** argv) {
     sls->createRttThreads();
     const milliseconds tick(params->get(OPER_MINI_EST_INTERVAL));
     std::mt19937 random(42);
-    auto next = steady_clock::now();
-    // Runs main-loop ticks until the choice names `want` or `limit` passes; the tick time.
-    auto runUntil = [&](const char* want, seconds limit) {
-        const auto end = steady_clock::now() + limit;
-        while (steady_clock::now() < end) {
-            next += tick;
-            std::this_thread::sleep_until(next);
-            SmartLinkSelection::slsChooseInterface();
-            if (strcmp(currentName(*sls), want) == 0) return steady_clock::now();
-        }
-        return steady_clock::time_point();
-    };
     for (int delay : {150, 300}) {
         std::vector<double> latencies;
         for (int t = 0; t < trials; ++t) {
-            links.setDelay("wlan0", 20);
-            if (runUntil("wlan0", seconds(30)) == steady_clock::time_point()) break;
-            runUntil("-", seconds(4));  // let Wi-Fi's speed settle near 20 ms
-            // Raise the delay at a random point of the loop period.
-            std::this_thread::sleep_for(milliseconds(random() % tick.count()));
-            links.setDelay("wlan0", delay);
-            const auto raised = steady_clock::now();
-            const auto switched = runUntil("rmnet_data0", seconds(30));
-            if (switched == steady_clock::time_point()) break;
-            latencies.push_back(duration<double>(switched - raised).count());
+            const double latency = mlbd::bench::switchLatencyTrial(links, delay, random);
+            if (latency < 0) break;
+            latencies.push_back(latency);
         }
         // The pace of the design: the rest of the probe in flight and its pause (on average
         // half of 11 x 20 ms + 500 ms), then `probes` whole probes at the new delay (a connection
